@@ -1,0 +1,135 @@
+#include "acquisition/ini_file.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace lumetra {
+namespace {
+
+std::string_view trim(std::string_view s) {
+    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.front()))) {
+        s.remove_prefix(1);
+    }
+    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.back()))) {
+        s.remove_suffix(1);
+    }
+    return s;
+}
+
+}  // namespace
+
+bool IniFile::NoCase::operator()(std::string_view a, std::string_view b) const {
+    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) <
+               std::tolower(static_cast<unsigned char>(y));
+    });
+}
+
+std::optional<IniFile> IniFile::Load(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return std::nullopt;
+    }
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return Parse(ss.str());
+}
+
+IniFile IniFile::Parse(std::string_view text) {
+    IniFile ini;
+    std::string section;
+    while (!text.empty()) {
+        auto eol = text.find('\n');
+        std::string_view line = trim(text.substr(0, eol));
+        text.remove_prefix(eol == std::string_view::npos ? text.size() : eol + 1);
+        if (line.empty() || line.front() == ';' || line.front() == '#') {
+            continue;
+        }
+        if (line.front() == '[') {
+            auto close = line.find(']');
+            if (close != std::string_view::npos) {
+                section = std::string(trim(line.substr(1, close - 1)));
+            }
+            continue;
+        }
+        auto eq = line.find('=');
+        if (eq == std::string_view::npos) {
+            continue;
+        }
+        ini.set(section, trim(line.substr(0, eq)), trim(line.substr(eq + 1)));
+    }
+    return ini;
+}
+
+std::string IniFile::value(std::string_view section, std::string_view key,
+                           std::string_view fallback) const {
+    auto s = sections_.find(section);
+    if (s == sections_.end()) {
+        return std::string(fallback);
+    }
+    auto k = s->second.find(key);
+    return k == s->second.end() ? std::string(fallback) : k->second;
+}
+
+int IniFile::intValue(std::string_view section, std::string_view key, int fallback) const {
+    if (!has(section, key)) {
+        return fallback;
+    }
+    // Like a profile-file integer read: leading digits count, anything else gives 0.
+    std::string v = value(section, key);
+    return static_cast<int>(std::strtol(v.c_str(), nullptr, 10));
+}
+
+bool IniFile::has(std::string_view section, std::string_view key) const {
+    auto s = sections_.find(section);
+    return s != sections_.end() && s->second.count(key) != 0;
+}
+
+void IniFile::set(std::string_view section, std::string_view key, std::string_view value) {
+    auto s = sections_.find(section);
+    if (s == sections_.end()) {
+        s = sections_.emplace(std::string(section), Section{}).first;
+    }
+    s->second.insert_or_assign(std::string(key), std::string(value));
+}
+
+std::string IniFile::text() const {
+    std::string out;
+    for (const auto& [name, keys] : sections_) {
+        out += "[" + name + "]\n";
+        for (const auto& [k, v] : keys) {
+            out += k + "=" + v + "\n";
+        }
+    }
+    return out;
+}
+
+bool IniFile::Save(const std::string& path) const {
+    const std::string tmp = path + ".tmp";
+    {
+        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+        if (!out) {
+            return false;
+        }
+        out << text();
+        out.flush();
+        if (!out) {
+            out.close();
+            std::remove(tmp.c_str());
+            return false;
+        }
+    }
+    std::error_code ec;
+    std::filesystem::rename(tmp, path, ec);
+    if (ec) {
+        std::remove(tmp.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace lumetra

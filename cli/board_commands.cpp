@@ -1,0 +1,215 @@
+// lumetra-cli boards / info / set.
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <charconv>
+#include <cstdio>
+#include <string>
+
+#include "acquisition/process_flags.h"
+#include "cli/cli_session.h"
+
+namespace lumetra::cli {
+namespace {
+
+void printJson(const QJsonObject& object) {
+    std::fputs(QJsonDocument(object).toJson(QJsonDocument::Indented).constData(), stdout);
+}
+
+QJsonArray logArray(const Session& s) {
+    QJsonArray lines;
+    for (const std::string& line : s.log.lines()) {
+        lines.append(QString::fromStdString(line));
+    }
+    return lines;
+}
+
+std::optional<uint32_t> parseNumber(std::string_view text) {
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        text.remove_prefix(2);
+        base = 16;
+    }
+    uint32_t value = 0;
+    auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (ec != std::errc() || p != text.data() + text.size() || text.empty()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+QJsonObject cacheJson(const CKELM_PCIE_VexCardDoc& doc) {
+    const BoardParameters& p = doc.parameters();
+    const ImageFormatRecord& f = doc.imageFormat();
+    QJsonObject o;
+    o["board"] = doc.boardIndex();
+    o["name"] = QString::fromStdString(doc.boardName());
+    o["width"] = static_cast<qint64>(f.width);
+    o["height"] = static_cast<qint64>(f.height);
+    o["bitsPerPixel"] = static_cast<qint64>(f.bitsPerPixel);
+    o["channels"] = static_cast<qint64>(f.channels);
+    o["imageType"] = static_cast<qint64>(p.imageType());
+    o["dataFormat"] = static_cast<qint64>(p.dataFormat());
+    o["taps"] = static_cast<qint64>(p.taps());
+    o["bayerPattern"] = static_cast<qint64>(p.bayerPattern());
+    o["model"] = processFlags().modelCode.load();
+    o["coaxpress"] = processFlags().coaxpress.load();
+    return o;
+}
+
+void printCacheText(const QJsonObject& o) {
+    static const char* kOrder[] = {"board",        "name",         "width",     "height",
+                                   "bitsPerPixel", "channels",     "imageType", "dataFormat",
+                                   "taps",         "bayerPattern", "model",     "coaxpress"};
+    for (const char* key : kOrder) {
+        const QJsonValue v = o[QLatin1String(key)];
+        std::string text = v.isBool()     ? (v.toBool() ? "yes" : "no")
+                           : v.isString() ? v.toString().toStdString()
+                                          : std::to_string(v.toInteger());
+        std::printf("%-13s %s\n", key, text.c_str());
+    }
+}
+
+int noBoard(Session& s) {
+    s.log.log("No board could be opened.\n");
+    if (s.options.json) {
+        QJsonObject o;
+        o["error"] = "no board";
+        o["log"] = logArray(s);
+        printJson(o);
+    }
+    return 1;
+}
+
+}  // namespace
+
+int RunBoards(Session& s) {
+    if (!s.LoadLibrary()) {
+        return 1;
+    }
+    BoardLibrary& lib = *s.library;
+    int32_t count = 0;
+    if (lib.GetBoardCount(ORVIX_BOARD_TYPE_PCIE, &count) != ORVIX_SUCCESS) {
+        count = 0;
+    }
+    QJsonArray boards;
+    for (int32_t i = 0; i < count; ++i) {
+        char name[ORVIX_BOARD_NAME_MAX] = {};
+        uint32_t size = sizeof name;
+        lib.GetBoardName(ORVIX_BOARD_TYPE_PCIE, i, name, &size);
+        name[sizeof name - 1] = '\0';
+        const std::string n = name;
+        QJsonObject b;
+        b["index"] = i;
+        b["name"] = QString::fromStdString(n);
+        b["coaxpress"] =
+            n.find("CXP") != std::string::npos || n.find("CoaXPress") != std::string::npos;
+        const OrvixHandle h = lib.Open(ORVIX_BOARD_TYPE_PCIE, i);
+        b["opens"] = h != ORVIX_INVALID_HANDLE;
+        uint32_t version = 0;
+        if (h != ORVIX_INVALID_HANDLE) {
+            lib.GetInfo(h, ORVIX_BOARD_VERSION, &version);
+            lib.Close(h);
+        } else {
+            OrvixErrorInfo err{};
+            lib.GetLastError(&err, 1);
+        }
+        b["model"] = static_cast<int>((version >> 16) & 0xFF);
+        char v[32];
+        std::snprintf(v, sizeof v, "%u.%u.%u", (version >> 16) & 0xFF, (version >> 8) & 0xFF,
+                      version & 0xFF);
+        b["version"] = h != ORVIX_INVALID_HANDLE ? QString(v) : QString();
+        boards.append(b);
+    }
+    if (s.options.json) {
+        QJsonObject o;
+        o["boards"] = boards;
+        printJson(o);
+    } else {
+        std::printf("%-5s %-32s %-9s %-5s %-8s %s\n", "index", "name", "coaxpress", "model",
+                    "version", "opens");
+        for (const QJsonValue& v : boards) {
+            const QJsonObject b = v.toObject();
+            std::printf("%-5d %-32s %-9s %-5d %-8s %s\n", b["index"].toInt(),
+                        b["name"].toString().toStdString().c_str(),
+                        b["coaxpress"].toBool() ? "yes" : "no", b["model"].toInt(),
+                        b["version"].toString().toStdString().c_str(),
+                        b["opens"].toBool() ? "yes" : "no");
+        }
+    }
+    return 0;
+}
+
+int RunInfo(Session& s) {
+    if (!s.OpenDocument()) {
+        return noBoard(s);
+    }
+    const QJsonObject o = cacheJson(*s.document);
+    if (s.options.json) {
+        printJson(o);
+    } else {
+        printCacheText(o);
+    }
+    return 0;
+}
+
+int RunSet(Session& s) {
+    if (s.options.args.empty()) {
+        std::fputs("lumetra-cli set: give at least one KEY=VALUE\n", stderr);
+        return 2;
+    }
+    // Check every pair before the board is touched.
+    std::vector<std::pair<uint32_t, uint32_t>> writes;
+    for (const std::string& arg : s.options.args) {
+        const auto eq = arg.find('=');
+        if (eq == std::string::npos) {
+            std::fprintf(stderr, "lumetra-cli set: '%s' is not KEY=VALUE\n", arg.c_str());
+            return 2;
+        }
+        const std::string key = arg.substr(0, eq);
+        uint32_t id = ParameterIdOfShortName(key);
+        if (id == 0) {
+            id = parseNumber(key).value_or(0);
+        }
+        const auto value = parseNumber(std::string_view(arg).substr(eq + 1));
+        if (id == 0) {
+            std::fprintf(stderr, "lumetra-cli set: unknown parameter '%s'\n", key.c_str());
+            return 2;
+        }
+        if (!value) {
+            std::fprintf(stderr, "lumetra-cli set: '%s' is not a number\n",
+                         arg.substr(eq + 1).c_str());
+            return 2;
+        }
+        writes.emplace_back(id, *value);
+    }
+    if (!s.OpenDocument()) {
+        return noBoard(s);
+    }
+    CKELM_PCIE_VexCardDoc& doc = *s.document;
+    for (auto [id, value] : writes) {
+        doc.parameters().set(id, value);
+    }
+    if (s.options.jpeg) {
+        doc.imageFormat().jpegCompression = *s.options.jpeg != 0;
+        doc.parameters().set(ORVIX_JPEG_COMPRESS_ENABLE, *s.options.jpeg != 0 ? 1 : 0);
+    }
+    if (s.options.rgbd) {
+        doc.imageFormat().rgbdExtended = *s.options.rgbd != 0;
+    }
+    doc.ValidateGeometry();
+    doc.ApplyParameters();
+    doc.ReadBackParameters();
+    const bool allocated = doc.AllocateFrameMemory();
+
+    QJsonObject o = cacheJson(doc);
+    if (s.options.json) {
+        o["log"] = logArray(s);
+        printJson(o);
+    } else {
+        printCacheText(o);
+    }
+    return allocated ? 0 : 1;
+}
+
+}  // namespace lumetra::cli

@@ -1,0 +1,68 @@
+#include "cli/cli_session.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace lumetra::cli {
+
+void StderrLog::log(std::string_view text) {
+    std::string line = TimeStampPrefixNow();
+    line.append(text);
+    std::lock_guard lock(mutex_);
+    lines_.emplace_back(text);
+    if (line.empty() || line.back() != '\n') {
+        line.push_back('\n');
+    }
+    std::fputs(line.c_str(), stderr);
+}
+
+std::vector<std::string> StderrLog::lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+}
+
+void CountingSink::post(uint32_t message, intptr_t, intptr_t) {
+    std::lock_guard lock(mutex_);
+    ++counts_[message];
+}
+
+intptr_t CountingSink::send(uint32_t message, intptr_t wParam, intptr_t lParam) {
+    post(message, wParam, lParam);
+    return 0;
+}
+
+std::map<uint32_t, uint64_t> CountingSink::counts() const {
+    std::lock_guard lock(mutex_);
+    return counts_;
+}
+
+Session::Session(const Options& o) : options(o) {}
+
+bool Session::LoadLibrary() {
+    const BoardLibraryChoice choice =
+        ChooseBoardLibrary(options.boardLibrary, std::getenv("LUMETRA_BOARD_LIBRARY"),
+                           settings.readString("Board", "Library", ""), DefaultBoardLibraryPath());
+    BoardLibraryLoad load = LoadBoardLibrary(choice.path);
+    if (!load.library) {
+        log.log(load.error + "\n");
+        return false;
+    }
+    library = std::move(load.library);
+    return true;
+}
+
+bool Session::OpenDocument() {
+    // Without a library the document still comes up, as the workbench does, without a board.
+    LoadLibrary();
+    DocumentServices services;
+    services.library = library.get();
+    services.settings = &settings;
+    services.log = &log;
+    services.sink = &sink;
+    services.prompt = &prompt;
+    services.boardIndex = options.board;
+    document = std::make_unique<CKELM_PCIE_VexCardDoc>(services);
+    return document->hasBoard();
+}
+
+}  // namespace lumetra::cli

@@ -1,0 +1,150 @@
+// A recording stand-in for the board library: boards with parameter stores, and a log of every
+// call in order, so tests can check what the core did and in which order.
+#pragma once
+
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "acquisition/board_library.h"
+
+namespace lumetra::test {
+
+struct FakeCall {
+    std::string fn;
+    uint32_t id = 0;
+    uint32_t value = 0;
+    bool operator==(const FakeCall&) const = default;
+};
+
+struct FakeBoard {
+    std::string name = "Fake CL Board";
+    bool opens = true;
+    std::map<uint32_t, uint32_t> values;
+    std::set<uint32_t> failSet;
+    std::set<uint32_t> failGet;
+    std::set<uint32_t> failSetOnce;  // fails the first write only
+};
+
+class FakeBoardLibrary final : public BoardLibrary {
+  public:
+    std::vector<FakeBoard> boards;
+    std::vector<FakeCall> calls;
+    int openHandle = -1;  // index of the open board
+
+    int GetBoardCount(int32_t, int32_t* count) override {
+        calls.push_back({"GetBoardCount"});
+        *count = static_cast<int32_t>(boards.size());
+        return 1;
+    }
+    OrvixHandle Open(int32_t, int32_t index) override {
+        calls.push_back({"Open", static_cast<uint32_t>(index)});
+        if (index < 0 || index >= static_cast<int>(boards.size()) || !boards[index].opens) {
+            return ORVIX_INVALID_HANDLE;
+        }
+        openHandle = index;
+        return 100 + index;
+    }
+    int GetBoardName(int32_t, int32_t index, char* name, uint32_t* size) override {
+        calls.push_back({"GetBoardName", static_cast<uint32_t>(index)});
+        const std::string& n = boards.at(index).name;
+        std::strncpy(name, n.c_str(), *size - 1);
+        name[*size - 1] = '\0';
+        return 1;
+    }
+    int Close(OrvixHandle h) override {
+        calls.push_back({"Close", static_cast<uint32_t>(h)});
+        return 1;
+    }
+    int GetLastError(OrvixErrorInfo* e, int32_t clear) override {
+        calls.push_back({"GetLastError", 0, static_cast<uint32_t>(clear)});
+        *e = OrvixErrorInfo{};
+        e->code = ORVIX_ERR_NONE;
+        return 1;
+    }
+    int GetInfo(OrvixHandle h, uint32_t id, uint32_t* v) override {
+        calls.push_back({"GetInfo", id});
+        FakeBoard& b = board(h);
+        if (b.failGet.count(id) != 0 || b.values.count(id) == 0) {
+            return 0;
+        }
+        *v = b.values[id];
+        return 1;
+    }
+    int SetInfo(OrvixHandle h, uint32_t id, uint32_t v) override {
+        calls.push_back({"SetInfo", id, v});
+        FakeBoard& b = board(h);
+        if (b.failSet.count(id) != 0) {
+            return 0;
+        }
+        if (b.failSetOnce.erase(id) != 0) {
+            return 0;
+        }
+        b.values[id] = v;
+        return 1;
+    }
+    int RegisterCallback(OrvixHandle, uint32_t, OrvixCallback, void*) override { return 1; }
+    int UnRegisterCallback(OrvixHandle, uint32_t) override { return 1; }
+    int StartGrab(OrvixHandle, uint32_t) override { return 0; }
+    int StopGrab(OrvixHandle) override { return 1; }
+    int GetBufferAddress(OrvixHandle, uint32_t, void**) override { return 0; }
+    int GetBufferStatusEx(OrvixHandle, uint32_t, OrvixBufferStatus*) override { return 0; }
+    int GetCameraStatus(OrvixHandle, int32_t* s) override {
+        *s = 7;
+        return 1;
+    }
+    int GetFrameRate(OrvixHandle, double* r) override {
+        *r = 0;
+        return 1;
+    }
+    int LoadConfigurationFromFile(OrvixHandle, const char*) override { return 0; }
+    int SaveConfigurationToFile(OrvixHandle, const char*) override { return 0; }
+    int ReadRegister(OrvixHandle, uint32_t, uint32_t*) override { return 0; }
+    int WriteRegister(OrvixHandle, uint32_t, uint32_t) override { return 0; }
+    std::optional<std::array<int, 4>> Version() override { return std::array<int, 4>{1, 8, 0, 0}; }
+    std::string FileName() const override { return "libFake.so"; }
+
+    FakeBoard& board(OrvixHandle h) { return boards.at(static_cast<size_t>(h - 100)); }
+
+    // The SetInfo calls in order.
+    std::vector<FakeCall> writes() const {
+        std::vector<FakeCall> out;
+        for (const FakeCall& c : calls) {
+            if (c.fn == "SetInfo") {
+                out.push_back(c);
+            }
+        }
+        return out;
+    }
+};
+
+// Collects log lines.
+class RecordingLog final : public MessageLog {
+  public:
+    std::vector<std::string> lines;
+    void log(std::string_view text) override { lines.emplace_back(text); }
+};
+
+class RecordingSink final : public MessageSink {
+  public:
+    struct Message {
+        uint32_t msg;
+        intptr_t w, l;
+    };
+    std::vector<Message> posted;
+    void post(uint32_t m, intptr_t w, intptr_t l) override { posted.push_back({m, w, l}); }
+    intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
+        post(m, w, l);
+        return 0;
+    }
+};
+
+class RecordingPrompt final : public Prompt {
+  public:
+    std::vector<std::string> texts;
+    void information(std::string_view text) override { texts.emplace_back(text); }
+};
+
+}  // namespace lumetra::test
