@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -43,6 +44,7 @@ CKELM_PCIE_VexCardDoc::CKELM_PCIE_VexCardDoc(const DocumentServices& s)
       sink_(s.sink),
       prompt_(s.prompt),
       allocator_(s.allocator != nullptr ? s.allocator : &DefaultBlockAllocator()),
+      clock_(s.clock != nullptr ? s.clock : &SystemClock()),
       wantedIndex_(s.boardIndex) {
     // 1. The Frame image at its start-up geometry, and the background image.
     frame_ = std::make_unique<FrameImage>(*allocator_);
@@ -50,7 +52,11 @@ CKELM_PCIE_VexCardDoc::CKELM_PCIE_VexCardDoc(const DocumentServices& s)
         s.resourceConfigPath.empty() ? ResourceConfigPath(*settings_) : s.resourceConfigPath;
     const ResourceConfig rc = LoadResourceConfig(rcPath);
     if (!rc.softwareBackground.empty()) {
-        background_ = cv::imread(rc.softwareBackground, cv::IMREAD_UNCHANGED);
+        std::error_code ec;
+        // imread warns on stderr about a missing file; ask the file system first.
+        if (std::filesystem::is_regular_file(rc.softwareBackground, ec)) {
+            background_ = cv::imread(rc.softwareBackground, cv::IMREAD_UNCHANGED);
+        }
         if (background_.empty()) {
             Log("Load Background Image Fail!");
         }
@@ -74,9 +80,13 @@ CKELM_PCIE_VexCardDoc::CKELM_PCIE_VexCardDoc(const DocumentServices& s)
     if (raw.hasImage() && store_->Resize(raw.size())) {
         store_->Put(raw.data(), raw.size(), false);
     }
+    grab_ = std::make_unique<GrabEngine>(
+        GrabLinks{lib_, log_, sink_, clock_, frame_.get(), store_.get()});
 }
 
 CKELM_PCIE_VexCardDoc::~CKELM_PCIE_VexCardDoc() {
+    // No callback or worker may outlive the board.
+    grab_.reset();
     if (lib_ != nullptr && hasBoard()) {
         lib_->Close(handle_);
     }

@@ -12,6 +12,7 @@
 #include "acquisition/board_library.h"
 #include "acquisition/board_parameters.h"
 #include "acquisition/frame_store.h"
+#include "acquisition/grab_engine.h"
 #include "acquisition/messages.h"
 #include "acquisition/settings.h"
 #include "imaging/frame_image.h"
@@ -28,7 +29,8 @@ struct DocumentServices {
     Prompt* prompt = nullptr;             // may be null: boxes are dropped
     BlockAllocator* allocator = nullptr;  // null: the process heap
     std::string resourceConfigPath;       // BoardConfig.ini; empty: the installation's
-    int boardIndex = -1;  // >= 0: open only this board instead of the first that opens
+    int boardIndex = -1;     // >= 0: open only this board instead of the first that opens
+    Clock* clock = nullptr;  // null: the steady clock
 };
 
 // Thread: the user-interface thread, except where a member says otherwise.
@@ -69,6 +71,8 @@ class CKELM_PCIE_VexCardDoc {
 
     FrameImage& frameImage() { return *frame_; }
     FrameStore& frameStore() { return *store_; }
+    GrabEngine& grabEngine() { return *grab_; }
+    const GrabEngine& grabEngine() const { return *grab_; }
     BayerSettings& bayer() { return bayer_; }
     // Display mode of the main view (0 RGB ... 13) and the monochrome-display option that
     // forces mode 0 for one-channel images.
@@ -79,11 +83,6 @@ class CKELM_PCIE_VexCardDoc {
 
     // One line to the message window. Thread: any.
     void Log(std::string_view text) { log_->log(text); }
-
-    // Grab state read by the commands and the status bar.
-    bool grabIdle = true;
-    bool grabSecond = true;
-    uint32_t frameCounter = 0;
 
   private:
     void FindAndOpenBoard();
@@ -98,6 +97,7 @@ class CKELM_PCIE_VexCardDoc {
     MessageSink* sink_;
     Prompt* prompt_;
     BlockAllocator* allocator_;
+    Clock* clock_;
     int wantedIndex_;
 
     std::unique_ptr<FrameImage> frame_;
@@ -110,6 +110,7 @@ class CKELM_PCIE_VexCardDoc {
     ImageFormatRecord format_;
     BayerSettings bayer_;
     std::unique_ptr<FrameStore> store_;
+    std::unique_ptr<GrabEngine> grab_;
 };
 
 }  // namespace lumetra

@@ -1,7 +1,13 @@
 #include "acquisition/frame_store.h"
 
 #include <algorithm>
+#include <csetjmp>
+#include <cstdio>
 #include <cstring>
+
+#include <jpeglib.h>
+
+#include "acquisition/debug_output.h"
 
 namespace lumetra {
 
@@ -65,6 +71,70 @@ bool FrameStore::jpeg() const {
 void FrameStore::setHold(bool hold) {
     std::lock_guard lock(mutex_);
     hold_ = hold;
+}
+
+}  // namespace lumetra
+
+namespace lumetra {
+namespace {
+
+struct JpegError {
+    jpeg_error_mgr mgr;
+    std::jmp_buf jump;
+};
+
+[[noreturn]] void onJpegError(j_common_ptr info) {
+    std::longjmp(reinterpret_cast<JpegError*>(info->err)->jump, 1);
+}
+
+// Decodes into the raw image when the picture fits it exactly: 8-bit samples, same size and
+// component count.
+bool decodeJpeg(const uint8_t* data, size_t size, ImageBuffer& raw) {
+    jpeg_decompress_struct info{};
+    JpegError err{};
+    info.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = onJpegError;
+    if (setjmp(err.jump) != 0) {
+        jpeg_destroy_decompress(&info);
+        DebugOutput("jpeg decompress failure");
+        return false;
+    }
+    jpeg_create_decompress(&info);
+    jpeg_mem_src(&info, data, static_cast<unsigned long>(size));
+    if (jpeg_read_header(&info, TRUE) != JPEG_HEADER_OK ||
+        static_cast<int>(info.image_width) != raw.width() ||
+        static_cast<int>(info.image_height) != raw.height() || raw.depth() != 8 ||
+        info.num_components != raw.channels()) {
+        jpeg_destroy_decompress(&info);
+        DebugOutput("jpeg decompress failure");
+        return false;
+    }
+    if (!jpeg_start_decompress(&info)) {
+        jpeg_destroy_decompress(&info);
+        DebugOutput("Jpeg start decompress failure");
+        return false;
+    }
+    while (info.output_scanline < info.output_height) {
+        JSAMPROW row = raw.data() + size_t(info.output_scanline) * size_t(raw.widthStep());
+        jpeg_read_scanlines(&info, &row, 1);
+    }
+    jpeg_finish_decompress(&info);
+    jpeg_destroy_decompress(&info);
+    return true;
+}
+
+}  // namespace
+
+bool FrameStore::ConvertInto(ImageBuffer& raw) const {
+    std::lock_guard lock(mutex_);
+    if (!full_ || !raw.hasImage()) {
+        return false;
+    }
+    if (jpeg_) {
+        return decodeJpeg(static_cast<const uint8_t*>(block_), size_, raw);
+    }
+    std::memcpy(raw.data(), block_, std::min<size_t>(size_, raw.size()));
+    return true;
 }
 
 }  // namespace lumetra

@@ -39,6 +39,11 @@ class FrameStore {
     // While held, Put keeps the frame it has (the pixel-capture tool's hold).
     void setHold(bool hold);
 
+    // Writes the held frame into the raw image: JPEG data decompressed, anything else copied.
+    // False when no frame is held or it cannot be decoded into that image (the reason goes to
+    // the debug output only). The caller holds the frame lock. Thread: any.
+    bool ConvertInto(ImageBuffer& raw) const;
+
   private:
     BlockAllocator& allocator_;
     mutable std::mutex mutex_;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -57,6 +58,9 @@ class MessageSink {
     virtual void post(uint32_t message, intptr_t wParam, intptr_t lParam) = 0;
     // Blocks until the user-interface thread has answered; returns its answer.
     virtual intptr_t send(uint32_t message, intptr_t wParam, intptr_t lParam) = 0;
+    // Waits until done() holds. On the user-interface thread the GUI keeps handling its messages
+    // meanwhile, because the threads it waits for post (and send) to it while they end.
+    virtual void waitUntil(const std::function<bool()>& done);
 };
 
 // Modal information boxes and questions. The GUI shows a box; tests and lumetra-cli record or

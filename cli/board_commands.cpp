@@ -7,22 +7,10 @@
 #include <string>
 
 #include "acquisition/process_flags.h"
-#include "cli/cli_session.h"
+#include "cli/cli_output.h"
 
 namespace lumetra::cli {
 namespace {
-
-void printJson(const QJsonObject& object) {
-    std::fputs(QJsonDocument(object).toJson(QJsonDocument::Indented).constData(), stdout);
-}
-
-QJsonArray logArray(const Session& s) {
-    QJsonArray lines;
-    for (const std::string& line : s.log.lines()) {
-        lines.append(QString::fromStdString(line));
-    }
-    return lines;
-}
 
 std::optional<uint32_t> parseNumber(std::string_view text) {
     int base = 10;
@@ -36,49 +24,6 @@ std::optional<uint32_t> parseNumber(std::string_view text) {
         return std::nullopt;
     }
     return value;
-}
-
-QJsonObject cacheJson(const CKELM_PCIE_VexCardDoc& doc) {
-    const BoardParameters& p = doc.parameters();
-    const ImageFormatRecord& f = doc.imageFormat();
-    QJsonObject o;
-    o["board"] = doc.boardIndex();
-    o["name"] = QString::fromStdString(doc.boardName());
-    o["width"] = static_cast<qint64>(f.width);
-    o["height"] = static_cast<qint64>(f.height);
-    o["bitsPerPixel"] = static_cast<qint64>(f.bitsPerPixel);
-    o["channels"] = static_cast<qint64>(f.channels);
-    o["imageType"] = static_cast<qint64>(p.imageType());
-    o["dataFormat"] = static_cast<qint64>(p.dataFormat());
-    o["taps"] = static_cast<qint64>(p.taps());
-    o["bayerPattern"] = static_cast<qint64>(p.bayerPattern());
-    o["model"] = processFlags().modelCode.load();
-    o["coaxpress"] = processFlags().coaxpress.load();
-    return o;
-}
-
-void printCacheText(const QJsonObject& o) {
-    static const char* kOrder[] = {"board",        "name",         "width",     "height",
-                                   "bitsPerPixel", "channels",     "imageType", "dataFormat",
-                                   "taps",         "bayerPattern", "model",     "coaxpress"};
-    for (const char* key : kOrder) {
-        const QJsonValue v = o[QLatin1String(key)];
-        std::string text = v.isBool()     ? (v.toBool() ? "yes" : "no")
-                           : v.isString() ? v.toString().toStdString()
-                                          : std::to_string(v.toInteger());
-        std::printf("%-13s %s\n", key, text.c_str());
-    }
-}
-
-int noBoard(Session& s) {
-    s.log.log("No board could be opened.\n");
-    if (s.options.json) {
-        QJsonObject o;
-        o["error"] = "no board";
-        o["log"] = logArray(s);
-        printJson(o);
-    }
-    return 1;
 }
 
 }  // namespace
@@ -124,7 +69,7 @@ int RunBoards(Session& s) {
     if (s.options.json) {
         QJsonObject o;
         o["boards"] = boards;
-        printJson(o);
+        PrintJson(o);
     } else {
         std::printf("%-5s %-32s %-9s %-5s %-8s %s\n", "index", "name", "coaxpress", "model",
                     "version", "opens");
@@ -142,14 +87,9 @@ int RunBoards(Session& s) {
 
 int RunInfo(Session& s) {
     if (!s.OpenDocument()) {
-        return noBoard(s);
+        return NoBoard(s);
     }
-    const QJsonObject o = cacheJson(*s.document);
-    if (s.options.json) {
-        printJson(o);
-    } else {
-        printCacheText(o);
-    }
+    PrintCache(s);
     return 0;
 }
 
@@ -184,7 +124,7 @@ int RunSet(Session& s) {
         writes.emplace_back(id, *value);
     }
     if (!s.OpenDocument()) {
-        return noBoard(s);
+        return NoBoard(s);
     }
     CKELM_PCIE_VexCardDoc& doc = *s.document;
     for (auto [id, value] : writes) {
@@ -202,13 +142,7 @@ int RunSet(Session& s) {
     doc.ReadBackParameters();
     const bool allocated = doc.AllocateFrameMemory();
 
-    QJsonObject o = cacheJson(doc);
-    if (s.options.json) {
-        o["log"] = logArray(s);
-        printJson(o);
-    } else {
-        printCacheText(o);
-    }
+    PrintCache(s);
     return allocated ? 0 : 1;
 }
 

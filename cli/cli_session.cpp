@@ -21,19 +21,51 @@ std::vector<std::string> StderrLog::lines() const {
     return lines_;
 }
 
-void CountingSink::post(uint32_t message, intptr_t, intptr_t) {
+void QueuedSink::post(uint32_t message, intptr_t wParam, intptr_t lParam) {
+    {
+        std::lock_guard lock(mutex_);
+        ++counts_[message];
+        queue_.push_back({message, wParam, lParam});
+    }
+    cv_.notify_one();
+}
+
+intptr_t QueuedSink::send(uint32_t message, intptr_t wParam, intptr_t lParam) {
+    Handler answer;
+    {
+        std::lock_guard lock(mutex_);
+        ++counts_[message];
+        answer = answer_;
+    }
+    return answer ? answer(message, wParam, lParam) : 0;
+}
+
+void QueuedSink::setAnswer(Handler answer) {
     std::lock_guard lock(mutex_);
-    ++counts_[message];
+    answer_ = std::move(answer);
 }
 
-intptr_t CountingSink::send(uint32_t message, intptr_t wParam, intptr_t lParam) {
-    post(message, wParam, lParam);
-    return 0;
+void QueuedSink::Dispatch(const Handler& handler, std::chrono::milliseconds timeout) {
+    std::deque<Message> batch;
+    {
+        std::unique_lock lock(mutex_);
+        cv_.wait_for(lock, timeout, [this] { return !queue_.empty(); });
+        batch.swap(queue_);
+    }
+    for (const Message& m : batch) {
+        handler(m.message, m.wParam, m.lParam);
+    }
 }
 
-std::map<uint32_t, uint64_t> CountingSink::counts() const {
+std::map<uint32_t, uint64_t> QueuedSink::counts() const {
     std::lock_guard lock(mutex_);
     return counts_;
+}
+
+uint64_t QueuedSink::count(uint32_t message) const {
+    std::lock_guard lock(mutex_);
+    auto it = counts_.find(message);
+    return it == counts_.end() ? 0 : it->second;
 }
 
 Session::Session(const Options& o) : options(o) {}

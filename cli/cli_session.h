@@ -2,6 +2,10 @@
 // the front-end side of the core's reporting interfaces.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,6 +29,11 @@ struct Options {
     bool verbose = false;
     std::optional<int> jpeg;
     std::optional<int> rgbd;
+    // grab
+    bool once = false;
+    std::optional<int64_t> frames;
+    std::optional<double> seconds;
+    std::string snapshot;
 };
 
 // Log lines go to standard error with the message window's time stamp, and are kept for --json.
@@ -38,16 +47,34 @@ class StderrLog final : public MessageLog {
     std::vector<std::string> lines_;
 };
 
-// Counts the window messages the core posts; the front end reacts to those that matter.
-class CountingSink final : public MessageSink {
+// The command-line tool's main frame: window messages from the core's threads queue up here and
+// are handled on the main thread. A sent 1129 is answered at once from the camera status, so no
+// worker ever waits for the main thread.
+class QueuedSink final : public MessageSink {
   public:
+    using Handler = std::function<intptr_t(uint32_t, intptr_t, intptr_t)>;
+
     void post(uint32_t message, intptr_t wParam, intptr_t lParam) override;
     intptr_t send(uint32_t message, intptr_t wParam, intptr_t lParam) override;
+
+    // Answers sent messages (thread: any).
+    void setAnswer(Handler answer);
+    // Handles what has queued up, waiting up to timeout for the first message.
+    void Dispatch(const Handler& handler, std::chrono::milliseconds timeout);
+
     std::map<uint32_t, uint64_t> counts() const;
+    uint64_t count(uint32_t message) const;
 
   private:
+    struct Message {
+        uint32_t message;
+        intptr_t wParam, lParam;
+    };
     mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    std::deque<Message> queue_;
     std::map<uint32_t, uint64_t> counts_;
+    Handler answer_;
 };
 
 class StderrPrompt final : public Prompt {
@@ -70,7 +97,7 @@ class Session {
     const Options& options;
     QtSettings settings;
     StderrLog log;
-    CountingSink sink;
+    QueuedSink sink;
     StderrPrompt prompt{log};
     std::unique_ptr<BoardLibrary> library;
     std::unique_ptr<CKELM_PCIE_VexCardDoc> document;
@@ -79,5 +106,6 @@ class Session {
 int RunBoards(Session& session);
 int RunInfo(Session& session);
 int RunSet(Session& session);
+int RunGrab(Session& session);
 
 }  // namespace lumetra::cli

@@ -16,7 +16,10 @@ const char kUsage[] =
     "  info                        open a board and print its parameters\n"
     "  set KEY=VALUE ...           change parameters (ids such as 0x10000002=1000, or width,\n"
     "                              height, taps, imageType, dataFormat, bayer, offsetX,\n"
-    "                              triggerMode, triggerSource); --jpeg 0/1, --rgbd 0/1\n";
+    "                              triggerMode, triggerSource); --jpeg 0/1, --rgbd 0/1\n"
+    "  grab --once | --frames N | --seconds S [--snapshot FILE]\n"
+    "                              grab frames and print framesGrabbed, framesDisplayed,\n"
+    "                              framesLost and fps\n";
 
 bool parseInt(const char* text, int& out) {
     char* end = nullptr;
@@ -65,6 +68,21 @@ int main(int argc, char** argv) {
             options.jpeg = intValue("--jpeg");
         } else if (a == "--rgbd") {
             options.rgbd = intValue("--rgbd");
+        } else if (a == "--once") {
+            options.once = true;
+        } else if (a == "--frames") {
+            options.frames = intValue("--frames");
+        } else if (a == "--seconds") {
+            char* end = nullptr;
+            const char* text = value("--seconds");
+            const double v = std::strtod(text, &end);
+            if (end == text || *end != '\0' || v <= 0) {
+                std::fprintf(stderr, "lumetra-cli: --seconds needs a positive number\n");
+                return 2;
+            }
+            options.seconds = v;
+        } else if (a == "--snapshot") {
+            options.snapshot = value("--snapshot");
         } else if (a == "--help" || a == "-h") {
             std::fputs(kUsage, stdout);
             return 0;
@@ -87,6 +105,9 @@ int main(int argc, char** argv) {
     }
     if (options.command == "set") {
         return lumetra::cli::RunSet(session);
+    }
+    if (options.command == "grab") {
+        return lumetra::cli::RunGrab(session);
     }
     std::fprintf(stderr, "lumetra-cli: %s\n%s",
                  options.command.empty() ? "no command given"

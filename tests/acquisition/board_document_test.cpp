@@ -158,8 +158,8 @@ TEST_F(DocumentFixture, AllocationFollowsTheFormatAndTellsTheViews) {
     EXPECT_EQ(doc->frameImage().raw().channels(), 3);
     EXPECT_EQ(doc->frameStore().capacity(), size_t{1920} * 1200 * 3);
     EXPECT_EQ(doc->displayMode, 0) << "Clear mode needs a fourth channel";
-    ASSERT_FALSE(sink.posted.empty());
-    EXPECT_EQ(sink.posted[0].msg, msg::kFrameSize);
+    ASSERT_FALSE(sink.messages().empty());
+    EXPECT_EQ(sink.messages()[0].msg, msg::kFrameSize);
 
     // One channel and the monochrome option force mode 0 too.
     doc->displayMode = 2;

@@ -2,8 +2,10 @@
 // call in order, so tests can check what the core did and in which order.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -61,7 +63,10 @@ class FakeBoardLibrary final : public BoardLibrary {
     int GetLastError(OrvixErrorInfo* e, int32_t clear) override {
         calls.push_back({"GetLastError", 0, static_cast<uint32_t>(clear)});
         *e = OrvixErrorInfo{};
-        e->code = ORVIX_ERR_NONE;
+        e->code = lastError;
+        if (clear == 1) {
+            lastError = ORVIX_ERR_NONE;
+        }
         return 1;
     }
     int GetInfo(OrvixHandle h, uint32_t id, uint32_t* v) override {
@@ -85,14 +90,56 @@ class FakeBoardLibrary final : public BoardLibrary {
         b.values[id] = v;
         return 1;
     }
-    int RegisterCallback(OrvixHandle, uint32_t, OrvixCallback, void*) override { return 1; }
-    int UnRegisterCallback(OrvixHandle, uint32_t) override { return 1; }
-    int StartGrab(OrvixHandle, uint32_t) override { return 0; }
-    int StopGrab(OrvixHandle) override { return 1; }
-    int GetBufferAddress(OrvixHandle, uint32_t, void**) override { return 0; }
-    int GetBufferStatusEx(OrvixHandle, uint32_t, OrvixBufferStatus*) override { return 0; }
+    int RegisterCallback(OrvixHandle, uint32_t event, OrvixCallback fn, void* ctx) override {
+        calls.push_back({"RegisterCallback", event});
+        callbacks[event] = {fn, ctx};
+        return 1;
+    }
+    int UnRegisterCallback(OrvixHandle, uint32_t event) override {
+        calls.push_back({"UnRegisterCallback", event});
+        callbacks.erase(event);
+        return 1;
+    }
+    int StartGrab(OrvixHandle, uint32_t count) override {
+        calls.push_back({"StartGrab", 0, count});
+        if (startGrabError != 0) {
+            lastError = startGrabError;
+            return 0;
+        }
+        return 1;
+    }
+    int StopGrab(OrvixHandle) override {
+        calls.push_back({"StopGrab"});
+        if (stopFailures > 0) {
+            --stopFailures;
+            lastError = ORVIX_ERR_STOP_FAILED;
+            return 0;
+        }
+        return 1;
+    }
+    int GetBufferAddress(OrvixHandle, uint32_t index, void** address) override {
+        calls.push_back({"GetBufferAddress", index});
+        if (index >= ring.size()) {
+            return 0;
+        }
+        *address = ring[index].data();
+        return 1;
+    }
+    int GetBufferStatusEx(OrvixHandle, uint32_t index, OrvixBufferStatus* status) override {
+        calls.push_back({"GetBufferStatusEx", index});
+        if (index >= statuses.size()) {
+            return 0;
+        }
+        *status = statuses[index];
+        return 1;
+    }
     int GetCameraStatus(OrvixHandle, int32_t* s) override {
-        *s = 7;
+        calls.push_back({"GetCameraStatus"});
+        *s = cameraStatus;
+        if (cameraStatusError != 0) {
+            lastError = cameraStatusError;
+            return 0;
+        }
         return 1;
     }
     int GetFrameRate(OrvixHandle, double* r) override {
@@ -105,6 +152,47 @@ class FakeBoardLibrary final : public BoardLibrary {
     int WriteRegister(OrvixHandle, uint32_t, uint32_t) override { return 0; }
     std::optional<std::array<int, 4>> Version() override { return std::array<int, 4>{1, 8, 0, 0}; }
     std::string FileName() const override { return "libFake.so"; }
+
+    // Calls the callback registered for an event, as the board's thread would.
+    bool fire(uint32_t event) {
+        auto it = callbacks.find(event);
+        if (it == callbacks.end()) {
+            return false;
+        }
+        it->second.first(event, it->second.second);
+        return true;
+    }
+
+    // A ring of buffers, each filled with its index and marked ready.
+    void makeRing(size_t buffers, size_t bytes) {
+        ring.assign(buffers, std::vector<uint8_t>(bytes));
+        statuses.assign(buffers, OrvixBufferStatus{});
+        for (size_t i = 0; i < buffers; ++i) {
+            std::fill(ring[i].begin(), ring[i].end(), static_cast<uint8_t>(i + 1));
+            statuses[i].ready = 1;
+            statuses[i].time = double(i);
+        }
+        board(100 + openHandle).values[ORVIX_BUFFER_COUNT] = static_cast<uint32_t>(buffers);
+    }
+
+    std::vector<FakeCall> callsNamed(const std::string& fn) const {
+        std::vector<FakeCall> out;
+        for (const FakeCall& c : calls) {
+            if (c.fn == fn) {
+                out.push_back(c);
+            }
+        }
+        return out;
+    }
+
+    std::map<uint32_t, std::pair<OrvixCallback, void*>> callbacks;
+    std::vector<std::vector<uint8_t>> ring;
+    std::vector<OrvixBufferStatus> statuses;
+    int32_t lastError = ORVIX_ERR_NONE;
+    int32_t startGrabError = 0;
+    int stopFailures = 0;
+    int32_t cameraStatus = 7;
+    int32_t cameraStatusError = 0;
 
     FakeBoard& board(OrvixHandle h) { return boards.at(static_cast<size_t>(h - 100)); }
 
@@ -124,7 +212,11 @@ class FakeBoardLibrary final : public BoardLibrary {
 class RecordingLog final : public MessageLog {
   public:
     std::vector<std::string> lines;
-    void log(std::string_view text) override { lines.emplace_back(text); }
+    void log(std::string_view text) override {
+        std::lock_guard lock(mutex);
+        lines.emplace_back(text);
+    }
+    std::mutex mutex;
 };
 
 class RecordingSink final : public MessageSink {
@@ -132,13 +224,37 @@ class RecordingSink final : public MessageSink {
     struct Message {
         uint32_t msg;
         intptr_t w, l;
+        bool sent;
+        bool operator==(const Message&) const = default;
     };
-    std::vector<Message> posted;
-    void post(uint32_t m, intptr_t w, intptr_t l) override { posted.push_back({m, w, l}); }
-    intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
-        post(m, w, l);
-        return 0;
+    void post(uint32_t m, intptr_t w, intptr_t l) override {
+        std::lock_guard lock(mutex);
+        posted.push_back({m, w, l, false});
     }
+    intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
+        std::lock_guard lock(mutex);
+        posted.push_back({m, w, l, true});
+        return answer;
+    }
+    std::vector<Message> messages() const {
+        std::lock_guard lock(mutex);
+        return posted;
+    }
+    size_t count(uint32_t m, intptr_t w = -1, intptr_t l = -1) const {
+        std::lock_guard lock(mutex);
+        return static_cast<size_t>(
+            std::count_if(posted.begin(), posted.end(), [&](const Message& x) {
+                return x.msg == m && (w < 0 || x.w == w) && (l < 0 || x.l == l);
+            }));
+    }
+    void clear() {
+        std::lock_guard lock(mutex);
+        posted.clear();
+    }
+
+    mutable std::mutex mutex;
+    std::vector<Message> posted;
+    intptr_t answer = 1;
 };
 
 class RecordingPrompt final : public Prompt {

@@ -1,0 +1,129 @@
+#include "acquisition/grab_controller.h"
+
+#include <mutex>
+
+#include "acquisition/grab_engine.h"
+#include "acquisition/process_flags.h"
+
+namespace lumetra {
+
+bool GrabController::idle() const {
+    const GrabEngine& engine = doc_.grabEngine();
+    return !engine.grabbing && engine.grabIdle;
+}
+
+bool GrabController::Refuse(bool continuousCommand) {
+    GrabEngine& engine = doc_.grabEngine();
+    engine.context().frameCounter = 0;
+    engine.context().lostEvents = 0;
+    frameLost_ = false;
+    if (!engine.grabIdle) {
+        prompt_.information("Grab(once) process is running.Please wait...");
+        return true;
+    }
+    if (engine.grabbing) {
+        prompt_.information(continuousCommand
+                                ? "Grab(continuouse) process is running.Please wait..."
+                                : "Grab(continuous) process is running.Please wait...");
+        return true;
+    }
+    if (!doc_.hasBoard()) {
+        doc_.Log(continuousCommand ? "Board has not been opened.\n"
+                                   : "Board has not been selected.\n");
+        return true;
+    }
+    return false;
+}
+
+void GrabController::SingleShot() {
+    if (Refuse(false)) {
+        return;
+    }
+    GrabEngine& engine = doc_.grabEngine();
+    engine.context().clock().sleepFor(std::chrono::milliseconds(30));
+    if (!doc_.AllocateFrameMemory()) {
+        doc_.Log("Grab (1 shot) fail.Please check the paramter and camera signal.\n");
+        return;
+    }
+    engine.grabIdle = false;
+    engine.GrabOnce(doc_.handle());
+}
+
+bool GrabController::StartContinuous() {
+    if (Refuse(true)) {
+        return false;
+    }
+    GrabEngine& engine = doc_.grabEngine();
+    if (!doc_.AllocateFrameMemory()) {
+        doc_.Log("Allocate Virtual Memory Fail.");
+        return false;
+    }
+    if (!engine.StartContinuous(doc_.handle(), processFlags().coaxpress)) {
+        OrvixErrorInfo error{};
+        doc_.library()->GetLastError(&error, 1);
+        doc_.Log(error.code == ORVIX_ERR_GRAB_RUNNING
+                     ? "Grab(continuous) process is running.\n"
+                     : "Grab(continuous) fail.Please check the parameter and camera signal.\n");
+        engine.Unregister();
+        return false;
+    }
+    doc_.Log("Start Grab");
+    engine.StartWatchDog();
+    return true;
+}
+
+void GrabController::Stop() {
+    if (!doc_.hasBoard()) {
+        doc_.Log("Board has not been selected.\n");
+        return;
+    }
+    GrabEngine& engine = doc_.grabEngine();
+    if (engine.stopping()) {
+        doc_.Log("The Grab Stop process is running.\n");
+        return;
+    }
+    if (engine.StopGrab() != 1) {
+        doc_.Log("Stop Grab(continuous) fail.Please click 'Grab Stop' button manually\n");
+    }
+}
+
+intptr_t GrabController::CameraStatusAnswer() const {
+    return CameraSignalPresent(doc_.grabEngine().cameraStatus, processFlags().coaxpress) ? 1 : 0;
+}
+
+intptr_t GrabController::Handle(uint32_t message, intptr_t wParam, intptr_t) {
+    GrabEngine& engine = doc_.grabEngine();
+    switch (message) {
+        case msg::kGrabTimeout:
+            if (!engine.grabbing) {
+                return 0;  // a late notice of a grab that has ended
+            }
+            doc_.Log("Grab(continuouse) time out!\n");
+            if (engine.StopGrab() != 1) {
+                doc_.Log(
+                    "Stop Grab(continuouse) fail.Please click the 'Grab Stop' button manually.\n");
+            }
+            return 0;
+        case msg::kCameraStatus:
+            return CameraStatusAnswer();
+        case msg::kFrameLost: {
+            if (wParam != 1 || !doc_.hasBoard()) {
+                return 0;
+            }
+            uint32_t lost = 0;
+            if (doc_.library()->GetInfo(doc_.handle(), ORVIX_FRAME_LOST, &lost) == ORVIX_SUCCESS &&
+                lost != 0) {
+                frameLost_ = true;
+                doc_.Log("OrvixBoard lost frame for thread context change.\n");
+            }
+            return 0;
+        }
+        case msg::kStopGrab:
+            Stop();
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+}  // namespace lumetra

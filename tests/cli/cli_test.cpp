@@ -1,0 +1,176 @@
+// lumetra-cli end to end: the real tool on the real simulated board.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace {
+
+struct Run {
+    int status = -1;
+    std::string out;
+    std::string err;
+    QJsonObject json() const {
+        return QJsonDocument::fromJson(QByteArray::fromStdString(out)).object();
+    }
+};
+
+class CliTest : public ::testing::Test {
+  protected:
+    std::filesystem::path dir;
+
+    void SetUp() override {
+        dir = std::filesystem::temp_directory_path() /
+              ("lumetra-cli-" + std::to_string(getpid()) + "-" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::create_directories(dir);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    std::string write(const std::string& name, const std::string& text) {
+        const auto path = dir / name;
+        std::ofstream(path) << text;
+        return path.string();
+    }
+
+    // Runs the tool with a private settings home and the given simulator configuration.
+    Run run(const std::string& args, const std::string& simConfig = {}) {
+        std::string env = "env -u LUMETRA_BOARD_LIBRARY XDG_CONFIG_HOME='" + dir.string() +
+                          "/config' LUMETRA_SYSTEM_SETTINGS='" + dir.string() + "/system.ini' ";
+        env += simConfig.empty() ? "-u ORVIX_SIM_CONFIG " : "ORVIX_SIM_CONFIG='" + simConfig + "' ";
+        const std::string err = (dir / "stderr.txt").string();
+        const std::string cmd = env + LUMETRA_CLI + " " + args + " 2>'" + err + "'";
+        Run r;
+        FILE* p = popen(cmd.c_str(), "r");
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
+            r.out.append(buf, n);
+        }
+        const int status = pclose(p);
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        std::ifstream in(err);
+        r.err.assign(std::istreambuf_iterator<char>(in), {});
+        return r;
+    }
+};
+
+TEST_F(CliTest, BoardsListsTheTwoDefaultBoards) {
+    const Run r = run("boards --json");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const QJsonArray boards = r.json()["boards"].toArray();
+    ASSERT_EQ(boards.size(), 2);
+    const QJsonObject b0 = boards[0].toObject();
+    const QJsonObject b1 = boards[1].toObject();
+    EXPECT_EQ(b0["index"].toInt(), 0);
+    EXPECT_EQ(b0["name"].toString(), "PCIe-CL Full Simulator");
+    EXPECT_FALSE(b0["coaxpress"].toBool());
+    EXPECT_EQ(b0["model"].toInt(), 5);
+    EXPECT_EQ(b0["version"].toString(), "5.19.2");
+    EXPECT_TRUE(b0["opens"].toBool());
+    EXPECT_EQ(b1["name"].toString(), "PCIe-CXP4 Simulator");
+    EXPECT_TRUE(b1["coaxpress"].toBool());
+    EXPECT_EQ(b1["model"].toInt(), 10);
+}
+
+TEST_F(CliTest, InfoUsesTheSecondBoardWhenTheFirstDoesNotOpen) {
+    const std::string ini = write("sim.ini", "[board0]\nopen_fails=1\n");
+    const Run r = run("info --json", ini);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const QJsonObject o = r.json();
+    EXPECT_EQ(o["board"].toInt(), 1);
+    EXPECT_TRUE(o["coaxpress"].toBool());
+    EXPECT_EQ(o["model"].toInt(), 10);
+    EXPECT_EQ(o["width"].toInt(), 2560);
+    EXPECT_EQ(o["height"].toInt(), 2048);
+    EXPECT_EQ(o["bitsPerPixel"].toInt(), 12);
+    EXPECT_EQ(o["channels"].toInt(), 1);
+
+    const Run boards = run("boards --json", ini);
+    EXPECT_FALSE(boards.json()["boards"].toArray()[0].toObject()["opens"].toBool());
+}
+
+TEST_F(CliTest, InfoOfTheDefaultBoardAsText) {
+    const Run r = run("info");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("width         1920\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("taps          8\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("bayerPattern  2\n"), std::string::npos) << r.out;
+}
+
+TEST_F(CliTest, SetCorrectsGeometryAndReportsIt) {
+    const Run r = run("--board 1 --jpeg 1 set width=1000 height=1001 --json");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const QJsonObject o = r.json();
+    EXPECT_EQ(o["width"].toInt(), 1040);
+    EXPECT_EQ(o["height"].toInt(), 1000);
+    const QJsonArray log = o["log"].toArray();
+    ASSERT_GE(log.size(), 2);
+    EXPECT_EQ(log[0].toString(),
+              "Image width must be divided by 80.Reset the image width as 1040\n");
+    EXPECT_EQ(log[1].toString(),
+              "Image height must be divided by 8 and less than 65535.Reset the image height as "
+              "1000\n");
+    // The log lines reach standard error with the message window's 26-character prefix.
+    const auto at = r.err.find("Image width must be divided by 80");
+    ASSERT_NE(at, std::string::npos) << r.err;
+    ASSERT_GE(at, 26u);
+    EXPECT_EQ(r.err.substr(at - 7, 7), "       ");
+    EXPECT_EQ(r.err[at - 26 + 4], '-');
+}
+
+TEST_F(CliTest, SetReportsARefusedParameterAndGoesOn) {
+    const std::string ini = write("sim.ini", "[board0]\nfail_set=0x10000049,0x10000002\n");
+    const Run r = run("set 0x10000002=1000 triggerMode=1 --json", ini);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const QJsonObject o = r.json();
+    QStringList lines;
+    for (const QJsonValue& v : o["log"].toArray()) {
+        lines << v.toString();
+    }
+    EXPECT_TRUE(lines.contains("Set image height failed")) << r.err;
+    EXPECT_TRUE(lines.contains("Set FPGA ecternal trigger timeout failed")) << r.err;
+    EXPECT_LT(lines.indexOf("Set image height failed"),
+              lines.indexOf("Set FPGA ecternal trigger timeout failed"));
+    // The board kept its height; the read-back shows it.
+    EXPECT_EQ(o["height"].toInt(), 1200);
+}
+
+TEST_F(CliTest, BadInputIsRefusedWithAMessage) {
+    Run r = run("set nonsense=1");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("unknown parameter 'nonsense'"), std::string::npos) << r.err;
+    r = run("set width=abc");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("'abc' is not a number"), std::string::npos) << r.err;
+    r = run("frobnicate");
+    EXPECT_EQ(r.status, 2);
+}
+
+TEST_F(CliTest, UnloadableLibraryIsNamedAndNoBoardIsReported) {
+    Run r = run("--board-library /nonexistent/libNone.so info --json");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("Cannot load board library /nonexistent/libNone.so"), std::string::npos)
+        << r.err;
+    r = run(std::string("--board-library ") + PARTIAL_LIBRARY + " boards");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("lacks the symbol OrvixGetBoardName"), std::string::npos) << r.err;
+}
+
+TEST_F(CliTest, MalformedSimulatorConfigurationOffersNoBoard) {
+    const std::string ini = write("bad.ini", "[board0]\nwidth=12x\n");
+    const Run r = run("boards --json", ini);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.json()["boards"].toArray().size(), 0);
+    EXPECT_NE(r.err.find("bad.ini:2"), std::string::npos) << r.err;
+    EXPECT_EQ(run("info", ini).status, 1);
+}
+
+}  // namespace
