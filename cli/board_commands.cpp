@@ -7,26 +7,11 @@
 #include <string>
 
 #include "acquisition/process_flags.h"
+#include "cli/arguments.h"
 #include "cli/cli_output.h"
 
 namespace lumetra::cli {
-namespace {
-
-std::optional<uint32_t> parseNumber(std::string_view text) {
-    int base = 10;
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-        text.remove_prefix(2);
-        base = 16;
-    }
-    uint32_t value = 0;
-    auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    if (ec != std::errc() || p != text.data() + text.size() || text.empty()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 int RunBoards(Session& s) {
     if (!s.LoadLibrary()) {
@@ -94,13 +79,20 @@ int RunInfo(Session& s) {
 }
 
 int RunSet(Session& s) {
-    if (s.options.args.empty()) {
+    Arguments args("set", s.options.args);
+    const auto jpeg = args.Integer("--jpeg");
+    const auto rgbd = args.Integer("--rgbd");
+    const std::vector<std::string> pairs = args.Positional();
+    if (!args.Finish()) {
+        return 2;
+    }
+    if (pairs.empty()) {
         std::fputs("lumetra-cli set: give at least one KEY=VALUE\n", stderr);
         return 2;
     }
     // Check every pair before the board is touched.
     std::vector<std::pair<uint32_t, uint32_t>> writes;
-    for (const std::string& arg : s.options.args) {
+    for (const std::string& arg : pairs) {
         const auto eq = arg.find('=');
         if (eq == std::string::npos) {
             std::fprintf(stderr, "lumetra-cli set: '%s' is not KEY=VALUE\n", arg.c_str());
@@ -109,19 +101,19 @@ int RunSet(Session& s) {
         const std::string key = arg.substr(0, eq);
         uint32_t id = ParameterIdOfShortName(key);
         if (id == 0) {
-            id = parseNumber(key).value_or(0);
+            id = static_cast<uint32_t>(ParseInteger(key).value_or(0));
         }
-        const auto value = parseNumber(std::string_view(arg).substr(eq + 1));
+        const auto value = ParseInteger(std::string_view(arg).substr(eq + 1));
         if (id == 0) {
             std::fprintf(stderr, "lumetra-cli set: unknown parameter '%s'\n", key.c_str());
             return 2;
         }
-        if (!value) {
+        if (!value || *value < 0 || *value > 0xFFFFFFFF) {
             std::fprintf(stderr, "lumetra-cli set: '%s' is not a number\n",
                          arg.substr(eq + 1).c_str());
             return 2;
         }
-        writes.emplace_back(id, *value);
+        writes.emplace_back(id, static_cast<uint32_t>(*value));
     }
     if (!s.OpenDocument()) {
         return NoBoard(s);
@@ -130,12 +122,12 @@ int RunSet(Session& s) {
     for (auto [id, value] : writes) {
         doc.parameters().set(id, value);
     }
-    if (s.options.jpeg) {
-        doc.imageFormat().jpegCompression = *s.options.jpeg != 0;
-        doc.parameters().set(ORVIX_JPEG_COMPRESS_ENABLE, *s.options.jpeg != 0 ? 1 : 0);
+    if (jpeg) {
+        doc.imageFormat().jpegCompression = *jpeg != 0;
+        doc.parameters().set(ORVIX_JPEG_COMPRESS_ENABLE, *jpeg != 0 ? 1 : 0);
     }
-    if (s.options.rgbd) {
-        doc.imageFormat().rgbdExtended = *s.options.rgbd != 0;
+    if (rgbd) {
+        doc.imageFormat().rgbdExtended = *rgbd != 0;
     }
     doc.ValidateGeometry();
     doc.ApplyParameters();

@@ -22,18 +22,11 @@ namespace lumetra::cli {
 
 struct Options {
     std::string command;
-    std::vector<std::string> args;  // what follows the command, options removed
+    std::vector<std::string> args;  // what follows the command, the global options removed
     std::string boardLibrary;
     int board = -1;
     bool json = false;
     bool verbose = false;
-    std::optional<int> jpeg;
-    std::optional<int> rgbd;
-    // grab
-    bool once = false;
-    std::optional<int64_t> frames;
-    std::optional<double> seconds;
-    std::string snapshot;
 };
 
 // Log lines go to standard error with the message window's time stamp, and are kept for --json.
@@ -102,6 +95,14 @@ class Session {
     std::unique_ptr<BoardLibrary> library;
     std::unique_ptr<CKELM_PCIE_VexCardDoc> document;
 };
+
+// The commands; each parses its own arguments from options.args.
+struct Command {
+    const char* name;
+    int (*run)(Session&);
+    const char* usage;  // one or more lines for --help
+};
+extern const std::vector<Command> kCommands;
 
 int RunBoards(Session& session);
 int RunInfo(Session& session);

@@ -7,12 +7,20 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "acquisition/grab_controller.h"
+#include "cli/arguments.h"
 #include "cli/cli_output.h"
 
 namespace lumetra::cli {
 namespace {
 
 using Seconds = std::chrono::duration<double>;
+
+struct GrabRequest {
+    bool once = false;
+    std::optional<int64_t> frames;
+    std::optional<double> seconds;
+    std::string snapshot;
+};
 
 struct GrabFigures {
     uint64_t grabbed = 0;
@@ -75,9 +83,19 @@ void printFigures(Session& s, const GrabFigures& f, bool ok) {
 }  // namespace
 
 int RunGrab(Session& s) {
-    const Options& o = s.options;
-    if (!o.once && !o.frames && !o.seconds) {
-        std::fputs("lumetra-cli grab: give --once, --frames N or --seconds S\n", stderr);
+    Arguments args("grab", s.options.args);
+    GrabRequest o;
+    o.once = args.Flag("--once");
+    o.frames = args.Integer("--frames");
+    o.seconds = args.Number("--seconds");
+    o.snapshot = args.Value("--snapshot").value_or("");
+    if (!args.Finish()) {
+        return 2;
+    }
+    if (int(o.once) + int(o.frames.has_value()) + int(o.seconds.has_value()) != 1 ||
+        (o.frames && *o.frames <= 0) || (o.seconds && *o.seconds <= 0)) {
+        std::fputs("lumetra-cli grab: give one of --once, --frames N or --seconds S (N, S > 0)\n",
+                   stderr);
         return 2;
     }
     if (!s.OpenDocument()) {
@@ -112,7 +130,7 @@ int RunGrab(Session& s) {
                 stoppedByItself = true;  // the watch-dog or a time-out ended it
                 break;
             }
-            if ((o.frames && frames >= *o.frames) ||
+            if ((o.frames && int64_t{frames} >= *o.frames) ||
                 (o.seconds && Seconds(now - start).count() >= *o.seconds)) {
                 break;
             }

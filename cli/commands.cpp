@@ -1,0 +1,20 @@
+// The command table of lumetra-cli.
+#include "cli/cli_session.h"
+
+namespace lumetra::cli {
+
+const std::vector<Command> kCommands = {
+    {"boards", RunBoards, "boards                        list the boards"},
+    {"info", RunInfo, "info                          open a board and print its parameters"},
+    {"set", RunSet,
+     "set KEY=VALUE ... [--jpeg 0/1] [--rgbd 0/1]\n"
+     "                              change parameters: ids (0x10000002=1000) or width, height,\n"
+     "                              taps, imageType, dataFormat, bayer, offsetX, triggerMode,\n"
+     "                              triggerSource"},
+    {"grab", RunGrab,
+     "grab --once | --frames N | --seconds S [--snapshot FILE]\n"
+     "                              grab frames; prints framesGrabbed, framesDisplayed,\n"
+     "                              framesLost and fps"},
+};
+
+}  // namespace lumetra::cli
