@@ -1,0 +1,85 @@
+// Shared by the imaging tests: an allocator that records, refuses and guards its blocks, and a
+// few matrix helpers.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "imaging/image_buffer.h"
+
+namespace lumetra::test {
+
+// Records every request and free in order, refuses blocks above a size or after a number of
+// requests, and checks guard bytes around each block when it is freed, so that a write before or
+// past a block fails a test even without ASan.
+class TestAllocator final : public BlockAllocator {
+  public:
+    static constexpr std::size_t kGuard = 32;
+    static constexpr unsigned char kGuardByte = 0xA5;
+
+    ~TestAllocator() override { EXPECT_TRUE(live_.empty()) << "blocks never freed"; }
+
+    void* allocate(std::size_t size) override {
+        ++requests_;
+        requested.push_back(size);
+        if (size > failAbove || (failAfter >= 0 && requests_ > failAfter)) {
+            events.push_back("refuse " + std::to_string(size));
+            return nullptr;
+        }
+        auto* raw = static_cast<unsigned char*>(std::malloc(size + 2 * kGuard));
+        std::memset(raw, kGuardByte, kGuard);
+        std::memset(raw + kGuard + size, kGuardByte, kGuard);
+        live_[raw + kGuard] = size;
+        events.push_back("allocate " + std::to_string(size));
+        return raw + kGuard;
+    }
+
+    void free(void* block) override {
+        auto it = live_.find(block);
+        ASSERT_NE(it, live_.end()) << "free of a block this allocator did not make";
+        auto* raw = static_cast<unsigned char*>(block) - kGuard;
+        for (std::size_t i = 0; i < kGuard; ++i) {
+            EXPECT_EQ(raw[i], kGuardByte) << "written before a block";
+            EXPECT_EQ(raw[kGuard + it->second + i], kGuardByte) << "written past a block";
+        }
+        events.push_back("free " + std::to_string(it->second));
+        live_.erase(it);
+        std::free(raw);
+    }
+
+    std::size_t liveBlocks() const { return live_.size(); }
+
+    std::size_t failAbove = std::numeric_limits<std::size_t>::max();
+    int failAfter = -1;  // refuse every request after this many; negative for never
+    std::vector<std::string> events;
+    std::vector<std::size_t> requested;
+
+  private:
+    int requests_ = 0;
+    std::map<void*, std::size_t> live_;
+};
+
+inline bool SameMat(const cv::Mat& a, const cv::Mat& b) {
+    return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0;
+}
+
+inline void Randomise(ImageBuffer& buffer, int seed) {
+    cv::Mat m = buffer.mat();
+    cv::RNG(seed).fill(m, cv::RNG::UNIFORM, 0, buffer.depth() == 8 ? 256 : 65536);
+}
+
+// What a fresh buffer of this shape holds: every byte 3.
+inline cv::Mat Filled(const ImageBuffer& like) {
+    return cv::Mat(like.height(), like.width(), like.mat().type(),
+                   cv::Scalar::all(like.depth() == 8 ? 3 : 0x0303));
+}
+
+}  // namespace lumetra::test
