@@ -15,6 +15,7 @@ bool GrabController::idle() const {
 bool GrabController::Refuse(bool continuousCommand) {
     GrabEngine& engine = doc_.grabEngine();
     engine.context().frameCounter = 0;
+    engine.context().framesDisplayed = 0;
     engine.context().lostEvents = 0;
     frameLost_ = false;
     if (!engine.grabIdle) {

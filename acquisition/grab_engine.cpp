@@ -184,6 +184,7 @@ bool DisplayLoop::Turn() {
                 g.capture.check();
             }
             overlayDrawn_ = true;
+            ++g.framesDisplayed;
         }
     }
 
@@ -346,7 +347,9 @@ int GrabEngine::GrabOnce(OrvixHandle handle) {
             }
             grab_.links.store->Put(address, size, compress == 1);
             std::lock_guard lock(grab_.links.frame->frameLock());
-            grab_.links.store->ConvertInto(grab_.links.frame->raw());
+            if (grab_.links.store->ConvertInto(grab_.links.frame->raw())) {
+                ++grab_.framesDisplayed;
+            }
         }
         ++grab_.frameCounter;
         grab_.post(msg::kPaint);
@@ -436,6 +439,7 @@ int GrabEngine::StopGrab() {
     grab_.clock().sleepFor(milliseconds(300));
     grabbing = false;
     const bool stopped = StopBoard();
+    lastStopFailed_ = !stopped;
     grab_.links.log->log(stopped ? "Grab Stop\n"
                                  : "Grab Stop fail.Please click the 'Grab Stop' Button again\n");
     StopDisplayThread();

@@ -81,6 +81,7 @@ struct GrabContext {
     double lastFrameTime = 0.0;
     std::atomic<uint32_t> frameCounter{0};
     std::atomic<bool> newFrame{false};
+    std::atomic<uint32_t> framesDisplayed{0};  // frames converted into the Frame image
     // Events 4 and 2.
     std::atomic<bool> frameStartSeen{false};
     // Event 3.
@@ -160,6 +161,8 @@ class GrabEngine {
     int StopGrab();
     // Whether a stop (the user's or the watch-dog's) is under way.
     bool stopping() const { return stopping_; }
+    // Whether the last stop left the board grabbing (five refused tries).
+    bool lastStopFailed() const { return lastStopFailed_; }
 
     // The watch-dog polls the camera status while a continuous grab runs.
     void StartWatchDog();
@@ -191,6 +194,7 @@ class GrabEngine {
     std::mutex grabOnceMutex_;
     std::mutex stopMutex_;  // one stop at a time: the user's or the watch-dog's
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> lastStopFailed_{false};
     std::thread displayThread_;
     std::thread watchDogThread_;
     std::atomic<bool> watchDogFinished_{true};

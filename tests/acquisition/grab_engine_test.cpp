@@ -290,6 +290,7 @@ TEST_F(DisplayFixture, ConversionFillsTheFrameImageAndFrozenViewsAreNotRepainted
     grab().viewFrozen = true;
     frameTurn();
     EXPECT_EQ(frame.raw().data()[0], 1) << "buffer 0 holds ones";
+    EXPECT_EQ(grab().framesDisplayed, 1u);
     EXPECT_EQ(sink.count(msg::kPaint), 0u);
 }
 
@@ -320,6 +321,7 @@ TEST_F(GrabFixture, SingleShotCopiesBufferZeroAndPostsInOrder) {
     EXPECT_EQ(log.lines, (std::vector<std::string>{"Start Grab", "Grab (1 Shot) completed\n"}));
     EXPECT_EQ(frame.raw().data()[0], 1);
     EXPECT_EQ(frame.raw().data()[kW * kH - 1], 1);
+    EXPECT_EQ(grab().framesDisplayed, 1u);
     EXPECT_EQ(grab().frameCounter, 1u);
     EXPECT_TRUE(engine->grabIdle);
     std::vector<RecordingSink::Message> expected = {
@@ -368,6 +370,7 @@ TEST_F(GrabFixture, StopRetriesFiveTimes) {
     EXPECT_EQ(engine->StopGrab(), 1);
     EXPECT_EQ(lib.callsNamed("StopGrab").size(), 5u);
     EXPECT_EQ(log.lines, std::vector<std::string>{"Grab Stop\n"});
+    EXPECT_FALSE(engine->lastStopFailed());
 
     engine->Prepare(h, false);
     lib.calls.clear();
@@ -377,6 +380,7 @@ TEST_F(GrabFixture, StopRetriesFiveTimes) {
     EXPECT_EQ(lib.callsNamed("StopGrab").size(), 5u);
     EXPECT_EQ(log.lines, std::vector<std::string>{
                              "Grab Stop fail.Please click the 'Grab Stop' Button again\n"});
+    EXPECT_TRUE(engine->lastStopFailed());
     // Torn down anyway.
     EXPECT_TRUE(lib.callbacks.empty());
     EXPECT_TRUE(engine->grabIdle);

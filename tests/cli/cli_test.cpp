@@ -13,7 +13,7 @@
 
 namespace {
 
-struct Run {
+struct ToolRun {
     int status = -1;
     std::string out;
     std::string err;
@@ -41,13 +41,14 @@ class CliTest : public ::testing::Test {
     }
 
     // Runs the tool with a private settings home and the given simulator configuration.
-    Run run(const std::string& args, const std::string& simConfig = {}) {
-        std::string env = "env -u LUMETRA_BOARD_LIBRARY XDG_CONFIG_HOME='" + dir.string() +
-                          "/config' LUMETRA_SYSTEM_SETTINGS='" + dir.string() + "/system.ini' ";
+    ToolRun run(const std::string& args, const std::string& simConfig = {}) {
+        std::string env = "env -u LUMETRA_BOARD_LIBRARY ";
         env += simConfig.empty() ? "-u ORVIX_SIM_CONFIG " : "ORVIX_SIM_CONFIG='" + simConfig + "' ";
+        env += "XDG_CONFIG_HOME='" + dir.string() + "/config' LUMETRA_SYSTEM_SETTINGS='" +
+               dir.string() + "/system.ini' ";
         const std::string err = (dir / "stderr.txt").string();
         const std::string cmd = env + LUMETRA_CLI + " " + args + " 2>'" + err + "'";
-        Run r;
+        ToolRun r;
         FILE* p = popen(cmd.c_str(), "r");
         char buf[4096];
         size_t n;
@@ -63,7 +64,7 @@ class CliTest : public ::testing::Test {
 };
 
 TEST_F(CliTest, BoardsListsTheTwoDefaultBoards) {
-    const Run r = run("boards --json");
+    const ToolRun r = run("boards --json");
     ASSERT_EQ(r.status, 0) << r.err;
     const QJsonArray boards = r.json()["boards"].toArray();
     ASSERT_EQ(boards.size(), 2);
@@ -81,8 +82,8 @@ TEST_F(CliTest, BoardsListsTheTwoDefaultBoards) {
 }
 
 TEST_F(CliTest, InfoUsesTheSecondBoardWhenTheFirstDoesNotOpen) {
-    const std::string ini = write("sim.ini", "[board0]\nopen_fails=1\n");
-    const Run r = run("info --json", ini);
+    const std::string ini = write("sim.ini", "[board0]\nopen_fails=1\n[board1]\n");
+    const ToolRun r = run("info --json", ini);
     ASSERT_EQ(r.status, 0) << r.err;
     const QJsonObject o = r.json();
     EXPECT_EQ(o["board"].toInt(), 1);
@@ -93,12 +94,12 @@ TEST_F(CliTest, InfoUsesTheSecondBoardWhenTheFirstDoesNotOpen) {
     EXPECT_EQ(o["bitsPerPixel"].toInt(), 12);
     EXPECT_EQ(o["channels"].toInt(), 1);
 
-    const Run boards = run("boards --json", ini);
+    const ToolRun boards = run("boards --json", ini);
     EXPECT_FALSE(boards.json()["boards"].toArray()[0].toObject()["opens"].toBool());
 }
 
 TEST_F(CliTest, InfoOfTheDefaultBoardAsText) {
-    const Run r = run("info");
+    const ToolRun r = run("info");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("width         1920\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("taps          8\n"), std::string::npos) << r.out;
@@ -106,7 +107,7 @@ TEST_F(CliTest, InfoOfTheDefaultBoardAsText) {
 }
 
 TEST_F(CliTest, SetCorrectsGeometryAndReportsIt) {
-    const Run r = run("--board 1 --jpeg 1 set width=1000 height=1001 --json");
+    const ToolRun r = run("--board 1 set width=1000 height=1001 --jpeg 1 --json");
     ASSERT_EQ(r.status, 0) << r.err;
     const QJsonObject o = r.json();
     EXPECT_EQ(o["width"].toInt(), 1040);
@@ -128,7 +129,7 @@ TEST_F(CliTest, SetCorrectsGeometryAndReportsIt) {
 
 TEST_F(CliTest, SetReportsARefusedParameterAndGoesOn) {
     const std::string ini = write("sim.ini", "[board0]\nfail_set=0x10000049,0x10000002\n");
-    const Run r = run("set 0x10000002=1000 triggerMode=1 --json", ini);
+    const ToolRun r = run("set 0x10000002=1000 triggerMode=1 --json", ini);
     ASSERT_EQ(r.status, 0) << r.err;
     const QJsonObject o = r.json();
     QStringList lines;
@@ -144,7 +145,7 @@ TEST_F(CliTest, SetReportsARefusedParameterAndGoesOn) {
 }
 
 TEST_F(CliTest, BadInputIsRefusedWithAMessage) {
-    Run r = run("set nonsense=1");
+    ToolRun r = run("set nonsense=1");
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("unknown parameter 'nonsense'"), std::string::npos) << r.err;
     r = run("set width=abc");
@@ -155,7 +156,7 @@ TEST_F(CliTest, BadInputIsRefusedWithAMessage) {
 }
 
 TEST_F(CliTest, UnloadableLibraryIsNamedAndNoBoardIsReported) {
-    Run r = run("--board-library /nonexistent/libNone.so info --json");
+    ToolRun r = run("--board-library /nonexistent/libNone.so info --json");
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("Cannot load board library /nonexistent/libNone.so"), std::string::npos)
         << r.err;
@@ -166,11 +167,84 @@ TEST_F(CliTest, UnloadableLibraryIsNamedAndNoBoardIsReported) {
 
 TEST_F(CliTest, MalformedSimulatorConfigurationOffersNoBoard) {
     const std::string ini = write("bad.ini", "[board0]\nwidth=12x\n");
-    const Run r = run("boards --json", ini);
+    const ToolRun r = run("boards --json", ini);
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.json()["boards"].toArray().size(), 0);
     EXPECT_NE(r.err.find("bad.ini:2"), std::string::npos) << r.err;
     EXPECT_EQ(run("info", ini).status, 1);
+}
+
+}  // namespace
+
+namespace {
+
+// Grabs from the simulated board on its real clock: the assertions hold whatever the timing.
+class CliGrabTest : public CliTest {
+  protected:
+    ToolRun grab(const std::string& args, const std::string& board0Keys = {}) {
+        const std::string ini = write("sim.ini", "[board0]\n" + board0Keys + "\n[board1]\n");
+        return run("grab " + args + " --json", ini);
+    }
+};
+
+TEST_F(CliGrabTest, SingleShotCompletesAndWritesTheSnapshot) {
+    const std::string snapshot = (dir / "frame.pgm").string();
+    const ToolRun r = grab("--once --snapshot " + snapshot);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const QJsonObject o = r.json();
+    EXPECT_EQ(o["framesGrabbed"].toInt(), 1);
+    EXPECT_EQ(o["framesDisplayed"].toInt(), 1);
+    const QJsonArray log = o["log"].toArray();
+    ASSERT_EQ(log.size(), 2);
+    EXPECT_EQ(log[0].toString(), "Start Grab");
+    EXPECT_EQ(log[1].toString(), "Grab (1 Shot) completed\n");
+    // 1920 x 1200 8-bit: a binary PGM ("P5\n1920 1200\n255\n" and the samples).
+    EXPECT_EQ(std::filesystem::file_size(snapshot), 17 + size_t{1920} * 1200);
+}
+
+TEST_F(CliGrabTest, ContinuousGrabCountsFramesWithoutLoss) {
+    const ToolRun r = grab("--frames 30");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const QJsonObject o = r.json();
+    EXPECT_GE(o["framesGrabbed"].toInt(), 30);
+    EXPECT_EQ(o["framesLost"].toInt(), 0);
+    EXPECT_GE(o["framesDisplayed"].toInt(), 1);
+    const QJsonArray log = o["log"].toArray();
+    EXPECT_EQ(log.first().toString(), "Start Grab");
+    EXPECT_EQ(log.last().toString(), "Grab Stop\n");
+}
+
+TEST_F(CliGrabTest, SimulatedFaultsGiveTheirTexts) {
+    const struct {
+        const char* keys;
+        const char* args;
+        const char* text;
+    } cases[] = {
+        {"single_shot_error=42", "--once", "Grab Abort!"},
+        {"single_shot_error=40", "--once", "Grab(once) process is running.Please wait..."},
+        {"signal_loss_after_ms=300", "--seconds 30", "Board signal abnormal.Grab Stop\n"},
+        {"timeout_every=5", "--seconds 30", "Grab(continuouse) time out!\n"},
+        {"stop_failures=5", "--frames 3",
+         "Grab Stop fail.Please click the 'Grab Stop' Button again\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.keys);
+        const ToolRun r = grab(c.args, c.keys);
+        EXPECT_EQ(r.status, 1) << r.err;
+        QStringList lines;
+        for (const QJsonValue& v : r.json()["log"].toArray()) {
+            lines << v.toString();
+        }
+        EXPECT_TRUE(lines.contains(c.text)) << r.err;
+    }
+}
+
+TEST_F(CliGrabTest, GrabWithoutABoardSaysSo) {
+    const std::string ini = write("none.ini", "[board0]\nopen_fails=1\n");
+    const ToolRun r = run("grab --once", ini);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("No board could be opened."), std::string::npos) << r.err;
+    EXPECT_EQ(run("grab", ini).status, 2) << "no --once, --frames or --seconds";
 }
 
 }  // namespace
