@@ -127,7 +127,9 @@ int RunGrab(Session& s) {
             const auto now = std::chrono::steady_clock::now();
             const uint32_t frames = engine.context().frameCounter;
             if (!engine.grabbing) {
-                stoppedByItself = true;  // the watch-dog or a time-out ended it
+                // The watch-dog or a time-out ended it; let the watch-dog finish its stop.
+                stoppedByItself = true;
+                engine.StopWatchDog();
                 break;
             }
             if ((o.frames && int64_t{frames} >= *o.frames) ||
@@ -150,10 +152,10 @@ int RunGrab(Session& s) {
             controller.Stop();
         }
         s.sink.Dispatch(handle, std::chrono::milliseconds(0));
-        ok = !stoppedByItself;
+        ok = !stoppedByItself && !engine.lastStopFailed();
     }
     figures.grabbed = engine.context().frameCounter;
-    figures.displayed = s.sink.count(msg::kPaint);
+    figures.displayed = engine.context().framesDisplayed;
     figures.lost = engine.context().lostEvents;
     if (ok && !o.snapshot.empty()) {
         ok = writeSnapshot(s, o.snapshot);
