@@ -80,8 +80,11 @@ void OnFrameReady(uint32_t, void* context) {
     uint32_t bufferCount = 0;
     lib.GetInfo(h, ORVIX_BUFFER_COUNT, &bufferCount);
 
+    // The display gets at most one copy per 30 ms; the recording paths get every frame. The
+    // display's clock runs on its own, so recording never starves the view.
     const Clock::time_point now = g.clock().now();
-    if (ElapsedMs(g.lastDelivered, now) > kDisplayThrottleMs || deliver) {
+    const bool displayDue = ElapsedMs(g.lastDelivered, now) > kDisplayThrottleMs;
+    if (displayDue || deliver) {
         OrvixBufferStatus status{};
         if (lib.GetBufferStatusEx(h, cc.nextBuffer, &status) == ORVIX_SUCCESS) {
             g.lastFrameTime = status.time;
@@ -104,12 +107,16 @@ void OnFrameReady(uint32_t, void* context) {
                     if (recorderWants) {
                         g.recorder->push(address, size, jpeg);
                     }
-                    g.links.store->Put(address, size, jpeg);
-                    g.newFrame = true;
+                    if (displayDue) {
+                        g.links.store->Put(address, size, jpeg);
+                        g.newFrame = true;
+                    }
                 }
             }
         }
-        g.lastDelivered = now;
+        if (displayDue) {
+            g.lastDelivered = now;
+        }
     }
     ++g.frameCounter;
     cc.nextBuffer = bufferCount != 0 ? (cc.nextBuffer + 1) % bufferCount : 0;
