@@ -114,6 +114,11 @@ bool resolve(void* handle, const char* name, Fn& slot, std::string& missing) {
 
 BoardLibraryLoad LoadBoardLibrary(const std::string& path) {
     BoardLibraryLoad result;
+    if (path.empty()) {
+        // dlopen("") would hand back the program itself.
+        result.error = "No board library given";
+        return result;
+    }
     dlerror();
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {

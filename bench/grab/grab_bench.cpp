@@ -195,7 +195,8 @@ void run(const Scenario& sc, const std::string& library) {
 }  // namespace lumetra
 
 int main(int argc, char** argv) {
-    const std::string library = argc > 1 ? argv[1] : lumetra::DefaultBoardLibraryPath();
+    const std::string library =
+        argc > 1 && *argv[1] != '\0' ? argv[1] : lumetra::DefaultBoardLibraryPath();
     const double seconds = argc > 2 ? std::atof(argv[2]) : 10.0;
     std::printf("grab benchmark, board library %s\n", library.c_str());
     lumetra::run({"(a) 640 x 480 8-bit @ 1000 fps", 640, 480, 1000, seconds}, library);

@@ -13,6 +13,12 @@ TEST(BoardLibraryLoader, NamesALibraryThatCannotBeLoaded) {
         << load.error;
 }
 
+TEST(BoardLibraryLoader, RefusesAnEmptyPath) {
+    BoardLibraryLoad load = LoadBoardLibrary("");
+    EXPECT_EQ(load.library, nullptr);
+    EXPECT_EQ(load.error, "No board library given");
+}
+
 TEST(BoardLibraryLoader, NamesTheFirstMissingSymbol) {
     BoardLibraryLoad load = LoadBoardLibrary(PARTIAL_LIBRARY);
     EXPECT_EQ(load.library, nullptr);
