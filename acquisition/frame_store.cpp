@@ -87,6 +87,13 @@ struct JpegError {
     std::longjmp(reinterpret_cast<JpegError*>(info->err)->jump, 1);
 }
 
+// libjpeg's warnings go where the decoding failures go: the debug output only.
+void onJpegMessage(j_common_ptr info) {
+    char text[JMSG_LENGTH_MAX];
+    info->err->format_message(info, text);
+    DebugOutput(text);
+}
+
 // Decodes into the raw image when the picture fits it exactly: 8-bit samples, same size and
 // component count.
 bool decodeJpeg(const uint8_t* data, size_t size, ImageBuffer& raw) {
@@ -94,6 +101,7 @@ bool decodeJpeg(const uint8_t* data, size_t size, ImageBuffer& raw) {
     JpegError err{};
     info.err = jpeg_std_error(&err.mgr);
     err.mgr.error_exit = onJpegError;
+    err.mgr.output_message = onJpegMessage;
     if (setjmp(err.jump) != 0) {
         jpeg_destroy_decompress(&info);
         DebugOutput("jpeg decompress failure");
@@ -108,6 +116,10 @@ bool decodeJpeg(const uint8_t* data, size_t size, ImageBuffer& raw) {
         jpeg_destroy_decompress(&info);
         DebugOutput("jpeg decompress failure");
         return false;
+    }
+    // Colour frames are held B, G, R.
+    if (info.num_components == 3) {
+        info.out_color_space = JCS_EXT_BGR;
     }
     if (!jpeg_start_decompress(&info)) {
         jpeg_destroy_decompress(&info);

@@ -1,0 +1,96 @@
+#include "acquisition/frame_store.h"
+
+#include <gtest/gtest.h>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace lumetra::test {
+namespace {
+
+cv::Mat pattern(int width, int height, int type) {
+    cv::Mat m(height, width, type);
+    cv::randu(m, 0, 255);
+    cv::GaussianBlur(m, m, cv::Size(5, 5), 0);  // JPEG-friendly, so the check can be tight
+    return m;
+}
+
+TEST(FrameStore, PutCopiesAtMostTheCapacityAndHoldKeepsTheFrame) {
+    FrameStore store;
+    ASSERT_TRUE(store.Resize(8));
+    const uint8_t a[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    store.Put(a, sizeof a, false);
+    EXPECT_EQ(store.size(), 8u);
+    EXPECT_TRUE(store.full());
+    store.setHold(true);
+    const uint8_t b[8] = {};
+    store.Put(b, sizeof b, true);
+    store.WithFrame([](const uint8_t* p, size_t n, bool jpeg) {
+        EXPECT_EQ(n, 8u);
+        EXPECT_FALSE(jpeg);
+        EXPECT_EQ(p[7], 8);
+    });
+    store.setHold(false);
+    store.Put(b, 0, false);  // a size of 0 copies nothing
+    EXPECT_EQ(store.size(), 0u);
+}
+
+TEST(FrameStore, ConvertCopiesPlainFramesIntoTheRawImage) {
+    FrameStore store;
+    ImageBuffer raw;
+    raw.Create(16, 1, 4, 2);
+    EXPECT_FALSE(store.ConvertInto(raw)) << "nothing held yet";
+    ASSERT_TRUE(store.Resize(raw.size()));
+    std::vector<uint16_t> frame(8);
+    for (size_t i = 0; i < frame.size(); ++i) {
+        frame[i] = static_cast<uint16_t>(4000 + i);
+    }
+    store.Put(frame.data(), frame.size() * 2, false);
+    ASSERT_TRUE(store.ConvertInto(raw));
+    EXPECT_EQ(raw.ReadPixel(1, 3)[0], 4007.0);
+}
+
+TEST(FrameStore, JpegFramesAreDecodedIntoTheRawImage) {
+    for (int type : {CV_8UC1, CV_8UC3}) {
+        SCOPED_TRACE(type);
+        const cv::Mat picture = pattern(64, 16, type);
+        std::vector<uint8_t> jpeg;
+        ASSERT_TRUE(cv::imencode(".jpg", picture, jpeg, {cv::IMWRITE_JPEG_QUALITY, 95}));
+        const cv::Mat expected = cv::imdecode(jpeg, cv::IMREAD_UNCHANGED);
+
+        FrameStore store;
+        ASSERT_TRUE(store.Resize(picture.total() * picture.elemSize()));
+        store.Put(jpeg.data(), jpeg.size(), true);
+        ImageBuffer raw;
+        raw.Create(8, picture.channels(), 64, 16);
+        ASSERT_TRUE(store.ConvertInto(raw));
+        // The same decoder family: allow a step of rounding between the two paths.
+        EXPECT_LE(cv::norm(raw.mat(), expected, cv::NORM_INF), 2.0);
+    }
+}
+
+TEST(FrameStore, UndecodableJpegLeavesTheImageAndSaysNothing) {
+    const cv::Mat picture = pattern(64, 16, CV_8UC1);
+    std::vector<uint8_t> jpeg;
+    ASSERT_TRUE(cv::imencode(".jpg", picture, jpeg));
+    FrameStore store;
+    ASSERT_TRUE(store.Resize(4096));
+    ImageBuffer raw;
+    raw.Create(8, 1, 64, 16);
+
+    store.Put(jpeg.data(), 20, true);  // cut inside the header
+    EXPECT_FALSE(store.ConvertInto(raw));
+    const uint8_t junk[64] = {0xFF, 0xD8, 0x00, 0x13};
+    store.Put(junk, sizeof junk, true);
+    EXPECT_FALSE(store.ConvertInto(raw));
+    EXPECT_EQ(raw.data()[0], ImageBuffer::kFillByte);
+
+    // A picture of another size does not fit the raw image.
+    ImageBuffer other;
+    other.Create(8, 1, 32, 16);
+    store.Put(jpeg.data(), jpeg.size(), true);
+    EXPECT_FALSE(store.ConvertInto(other));
+}
+
+}  // namespace
+}  // namespace lumetra::test
