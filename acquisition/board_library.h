@@ -46,6 +46,60 @@ class BoardLibrary {
     virtual std::string FileName() const = 0;
 };
 
+// Passes every call to another library; a decorator overrides what it adds to (timing, fault
+// injection). The inner library must outlive it.
+class ForwardingBoardLibrary : public BoardLibrary {
+  public:
+    explicit ForwardingBoardLibrary(BoardLibrary& inner) : inner_(inner) {}
+
+    int GetBoardCount(int32_t t, int32_t* c) override { return inner_.GetBoardCount(t, c); }
+    OrvixHandle Open(int32_t t, int32_t i) override { return inner_.Open(t, i); }
+    int GetBoardName(int32_t t, int32_t i, char* n, uint32_t* s) override {
+        return inner_.GetBoardName(t, i, n, s);
+    }
+    int Close(OrvixHandle h) override { return inner_.Close(h); }
+    int GetLastError(OrvixErrorInfo* e, int32_t c) override { return inner_.GetLastError(e, c); }
+    int GetInfo(OrvixHandle h, uint32_t id, uint32_t* v) override {
+        return inner_.GetInfo(h, id, v);
+    }
+    int SetInfo(OrvixHandle h, uint32_t id, uint32_t v) override {
+        return inner_.SetInfo(h, id, v);
+    }
+    int RegisterCallback(OrvixHandle h, uint32_t ev, OrvixCallback fn, void* ctx) override {
+        return inner_.RegisterCallback(h, ev, fn, ctx);
+    }
+    int UnRegisterCallback(OrvixHandle h, uint32_t ev) override {
+        return inner_.UnRegisterCallback(h, ev);
+    }
+    int StartGrab(OrvixHandle h, uint32_t n) override { return inner_.StartGrab(h, n); }
+    int StopGrab(OrvixHandle h) override { return inner_.StopGrab(h); }
+    int GetBufferAddress(OrvixHandle h, uint32_t i, void** a) override {
+        return inner_.GetBufferAddress(h, i, a);
+    }
+    int GetBufferStatusEx(OrvixHandle h, uint32_t i, OrvixBufferStatus* s) override {
+        return inner_.GetBufferStatusEx(h, i, s);
+    }
+    int GetCameraStatus(OrvixHandle h, int32_t* s) override { return inner_.GetCameraStatus(h, s); }
+    int GetFrameRate(OrvixHandle h, double* r) override { return inner_.GetFrameRate(h, r); }
+    int LoadConfigurationFromFile(OrvixHandle h, const char* p) override {
+        return inner_.LoadConfigurationFromFile(h, p);
+    }
+    int SaveConfigurationToFile(OrvixHandle h, const char* p) override {
+        return inner_.SaveConfigurationToFile(h, p);
+    }
+    int ReadRegister(OrvixHandle h, uint32_t a, uint32_t* v) override {
+        return inner_.ReadRegister(h, a, v);
+    }
+    int WriteRegister(OrvixHandle h, uint32_t a, uint32_t v) override {
+        return inner_.WriteRegister(h, a, v);
+    }
+    std::optional<std::array<int, 4>> Version() override { return inner_.Version(); }
+    std::string FileName() const override { return inner_.FileName(); }
+
+  protected:
+    BoardLibrary& inner_;
+};
+
 struct BoardLibraryLoad {
     std::unique_ptr<BoardLibrary> library;  // null when loading failed
     std::string error;                      // names the library or the missing symbol

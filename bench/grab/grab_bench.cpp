@@ -23,55 +23,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Forwards to the real library and times the frame-ready callback.
-class TimingLibrary final : public BoardLibrary {
+// Times the frame-ready callback of the real library.
+class TimingLibrary final : public ForwardingBoardLibrary {
   public:
-    explicit TimingLibrary(BoardLibrary& inner) : in_(inner) {}
+    explicit TimingLibrary(BoardLibrary& inner) : ForwardingBoardLibrary(inner) {}
 
-    int GetBoardCount(int32_t t, int32_t* c) override { return in_.GetBoardCount(t, c); }
-    OrvixHandle Open(int32_t t, int32_t i) override { return in_.Open(t, i); }
-    int GetBoardName(int32_t t, int32_t i, char* n, uint32_t* s) override {
-        return in_.GetBoardName(t, i, n, s);
-    }
-    int Close(OrvixHandle h) override { return in_.Close(h); }
-    int GetLastError(OrvixErrorInfo* e, int32_t c) override { return in_.GetLastError(e, c); }
-    int GetInfo(OrvixHandle h, uint32_t id, uint32_t* v) override { return in_.GetInfo(h, id, v); }
-    int SetInfo(OrvixHandle h, uint32_t id, uint32_t v) override { return in_.SetInfo(h, id, v); }
     int RegisterCallback(OrvixHandle h, uint32_t ev, OrvixCallback fn, void* ctx) override {
         if (ev != ORVIX_EVENT_FRAME_READY) {
-            return in_.RegisterCallback(h, ev, fn, ctx);
+            return inner_.RegisterCallback(h, ev, fn, ctx);
         }
-        inner_ = fn;
-        innerContext_ = ctx;
-        return in_.RegisterCallback(h, ev, &TimingLibrary::Timed, this);
+        timed_ = fn;
+        timedContext_ = ctx;
+        return inner_.RegisterCallback(h, ev, &TimingLibrary::Timed, this);
     }
-    int UnRegisterCallback(OrvixHandle h, uint32_t ev) override {
-        return in_.UnRegisterCallback(h, ev);
-    }
-    int StartGrab(OrvixHandle h, uint32_t n) override { return in_.StartGrab(h, n); }
-    int StopGrab(OrvixHandle h) override { return in_.StopGrab(h); }
-    int GetBufferAddress(OrvixHandle h, uint32_t i, void** a) override {
-        return in_.GetBufferAddress(h, i, a);
-    }
-    int GetBufferStatusEx(OrvixHandle h, uint32_t i, OrvixBufferStatus* s) override {
-        return in_.GetBufferStatusEx(h, i, s);
-    }
-    int GetCameraStatus(OrvixHandle h, int32_t* s) override { return in_.GetCameraStatus(h, s); }
-    int GetFrameRate(OrvixHandle h, double* r) override { return in_.GetFrameRate(h, r); }
-    int LoadConfigurationFromFile(OrvixHandle h, const char* p) override {
-        return in_.LoadConfigurationFromFile(h, p);
-    }
-    int SaveConfigurationToFile(OrvixHandle h, const char* p) override {
-        return in_.SaveConfigurationToFile(h, p);
-    }
-    int ReadRegister(OrvixHandle h, uint32_t a, uint32_t* v) override {
-        return in_.ReadRegister(h, a, v);
-    }
-    int WriteRegister(OrvixHandle h, uint32_t a, uint32_t v) override {
-        return in_.WriteRegister(h, a, v);
-    }
-    std::optional<std::array<int, 4>> Version() override { return in_.Version(); }
-    std::string FileName() const override { return in_.FileName(); }
 
     std::atomic<uint64_t> calls{0};
     std::atomic<uint64_t> nanoseconds{0};
@@ -80,15 +44,14 @@ class TimingLibrary final : public BoardLibrary {
     static void Timed(uint32_t event, void* self) {
         auto* t = static_cast<TimingLibrary*>(self);
         const auto start = Clock::now();
-        t->inner_(event, t->innerContext_);
+        t->timed_(event, t->timedContext_);
         const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start);
         t->nanoseconds += static_cast<uint64_t>(ns.count());
         ++t->calls;
     }
 
-    BoardLibrary& in_;
-    OrvixCallback inner_ = nullptr;
-    void* innerContext_ = nullptr;
+    OrvixCallback timed_ = nullptr;
+    void* timedContext_ = nullptr;
 };
 
 // Copies every frame into a buffer of its own, as the recorder's queue does.
