@@ -267,7 +267,10 @@ int RunGrab(Session& s) {
             const double elapsed = Seconds(now - start).count();
             const uint32_t frames = engine.context().frameCounter;
             if (!engine.grabbing) {
-                stoppedByItself = true;  // the watch-dog or a time-out ended it
+                // The watch-dog or a time-out ended it; let the watch-dog finish its stop
+                // before anything else touches the consumers.
+                stoppedByItself = true;
+                engine.StopWatchDog();
                 break;
             }
             // The board measures its rate over a few frames; recording starts once it has one.
@@ -307,7 +310,7 @@ int RunGrab(Session& s) {
             }
         }
         s.sink.Dispatch(handle, std::chrono::milliseconds(0));
-        ok = ok && !stoppedByItself;
+        ok = ok && !stoppedByItself && !engine.lastStopFailed();
     } else {
         ok = false;
     }
@@ -322,7 +325,7 @@ int RunGrab(Session& s) {
         ok = ok && rec.videoStarted && rec.recorder->result() == video::kSuccess;
     }
     figures.grabbed = engine.context().frameCounter;
-    figures.displayed = s.sink.count(msg::kPaint);
+    figures.displayed = engine.context().framesDisplayed;
     figures.lost = engine.context().lostEvents;
     if (ok && !o.snapshot.empty()) {
         ImageSaveWorker snapshot(s.log, &s.sink);
