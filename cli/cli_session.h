@@ -108,5 +108,6 @@ int RunBoards(Session& session);
 int RunInfo(Session& session);
 int RunSet(Session& session);
 int RunGrab(Session& session);
+int RunConvert(Session& session);
 
 }  // namespace lumetra::cli

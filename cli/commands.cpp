@@ -15,6 +15,12 @@ const std::vector<Command> kCommands = {
      "grab --once | --frames N | --seconds S [--snapshot FILE]\n"
      "                              grab frames; prints framesGrabbed, framesDisplayed,\n"
      "                              framesLost and fps"},
+    {"convert", RunConvert,
+     "convert IN OUT | --grab OUT [--mode N] [--bayer P] [--shift S | --adaptive] [--bits B]\n"
+     "                              draw display mode N (0 to 13) of an image file or a grabbed\n"
+     "                              frame into OUT; without --mode the image is written as read;\n"
+     "                              *.raw holds samples only (16-bit little-endian): reading one\n"
+     "                              needs --size WxH [--channels C] [--bits B]"},
 };
 
 }  // namespace lumetra::cli

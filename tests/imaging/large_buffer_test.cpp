@@ -140,6 +140,44 @@ TEST_F(LargeBuffer, BgrToRgb16) {
     CheckBgrToRgb(16);
 }
 
+// A colour image of just over 2 GiB takes our demosaicing. OpenCV checks it a band of rows at a
+// time, each band with context rows on either side whose own border rows are not compared. Bands
+// start on even rows, which keeps the pattern's phase.
+void CheckBayer(int depth, int code) {
+    const int height = depth == 8 ? kHeight : kHeight / 2;
+    ImageBuffer raw;
+    ImageBuffer colour;
+    ASSERT_TRUE(raw.TryCreate(depth, 1, kWidth, height));
+    ASSERT_TRUE(colour.TryCreate(depth, 3, kWidth, height));
+    ASSERT_FALSE(raw.large());
+    ASSERT_TRUE(colour.large());
+    FillPattern(raw);
+    ImageBuffer::ConvertColour(raw, colour, code);
+
+    constexpr int kBand = 2048;
+    cv::Mat expected;
+    for (int row = 0; row < height; row += kBand) {
+        const int first = std::max(0, row - 2);
+        const int end = std::min(height, row + kBand + 1);
+        cv::cvtColor(raw.mat().rowRange(first, end), expected, code);
+        const int skipTop = row == 0 ? 0 : 1;
+        const int skipBottom = end == height ? 0 : 1;
+        const cv::Range compared(first + skipTop, end - skipBottom);
+        ASSERT_EQ(cv::norm(colour.mat().rowRange(compared),
+                           expected.rowRange(skipTop, expected.rows - skipBottom), cv::NORM_INF),
+                  0)
+            << row;
+    }
+}
+
+TEST_F(LargeBuffer, Bayer8) {
+    CheckBayer(8, cv::COLOR_BayerGR2BGR);
+}
+
+TEST_F(LargeBuffer, Bayer16) {
+    CheckBayer(16, cv::COLOR_BayerBG2BGR);
+}
+
 TEST_F(LargeBuffer, OtherCodesAreIgnored) {
     ImageBuffer src;
     ImageBuffer dst;
