@@ -108,6 +108,8 @@ int RunBoards(Session& session);
 int RunInfo(Session& session);
 int RunSet(Session& session);
 int RunGrab(Session& session);
+int RunAnalyze(Session& session);
+int RunSignals(Session& session);
 int RunConvert(Session& session);
 
 }  // namespace lumetra::cli

@@ -12,9 +12,19 @@ const std::vector<Command> kCommands = {
      "                              taps, imageType, dataFormat, bayer, offsetX, triggerMode,\n"
      "                              triggerSource"},
     {"grab", RunGrab,
-     "grab --once | --frames N | --seconds S [--snapshot FILE]\n"
-     "                              grab frames; prints framesGrabbed, framesDisplayed,\n"
-     "                              framesLost and fps"},
+     "grab --once | --frames N | --seconds S [--record FILE.h264]\n"
+     "        [--save DIR/NAME.EXT --count N] [--snapshot FILE] [--lzw] [--dpi X,Y]\n"
+     "                              grab frames, record them as H.264 or numbered images;\n"
+     "                              prints framesGrabbed, framesDisplayed, framesLost and fps"},
+    {"analyze", RunAnalyze,
+     "analyze FILE | --grab [--bits B] [--row R] [--col C] [--channel K]\n"
+     "        [--roi X0,Y0,X1,Y1] [--bad MODE,LOW,HIGH,HCOUNT,VCOUNT [--frames N] [--csv FILE]\n"
+     "        [--csv-horizontal FILE] [--csv-vertical FILE]] [--profile-row R]\n"
+     "                              histograms, channel means, row/column and ROI statistics,\n"
+     "                              bad pixels and a row profile of an image or a grabbed frame"},
+    {"signals", RunSignals,
+     "signals --seconds S --inputs 1,2,3 [--record-statistical] [--falling]\n"
+     "                              count the edges on the board's input signals"},
     {"convert", RunConvert,
      "convert IN OUT | --grab OUT [--mode N] [--bayer P] [--shift S | --adaptive] [--bits B]\n"
      "                              draw display mode N (0 to 13) of an image file or a grabbed\n"

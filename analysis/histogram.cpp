@@ -1,0 +1,453 @@
+#include "analysis/histogram.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace lumetra {
+
+HistogramSet::HistogramSet() {
+    for (auto& c : counts_) {
+        c.assign(kHistogramBins, 0);
+    }
+}
+
+void HistogramSet::Clear(int bins) {
+    const int used = std::max(bins_, bins);
+    for (auto& c : counts_) {
+        std::fill_n(c.data(), used, uint64_t{0});
+    }
+    bins_ = std::clamp(bins, 0, kHistogramBins);
+}
+
+void HistogramSet::Widen(int bins) {
+    // The counters above bins() are zero already.
+    bins_ = std::clamp(std::max(bins_, bins), 0, kHistogramBins);
+}
+
+void HistogramSet::Add(const HistogramSet& other) {
+    if (other.bins_ > bins_) {
+        bins_ = other.bins_;
+    }
+    for (int c = 0; c < kHistogramChannels; ++c) {
+        uint64_t* to = counts_[c].data();
+        const uint64_t* from = other.counts_[c].data();
+        for (int b = 0; b < other.bins_; ++b) {
+            to[b] += from[b];
+        }
+    }
+}
+
+void HistogramSet::CopyFrom(const HistogramSet& other) {
+    Clear(other.bins_);
+    for (int c = 0; c < kHistogramChannels; ++c) {
+        std::copy_n(other.counts_[c].data(), other.bins_, counts_[c].data());
+    }
+}
+
+uint64_t HistogramSet::Sum(int c) const {
+    uint64_t sum = 0;
+    for (int b = 0; b < bins_; ++b) {
+        sum += counts_[c][b] * static_cast<uint64_t>(b);
+    }
+    return sum;
+}
+
+uint64_t HistogramSet::Total(int c) const {
+    uint64_t total = 0;
+    for (int b = 0; b < bins_; ++b) {
+        total += counts_[c][b];
+    }
+    return total;
+}
+
+PixelArea ClipArea(PixelArea a, int width, int height) {
+    a.left = std::clamp(a.left, 0, width);
+    a.right = std::clamp(a.right, a.left, width);
+    a.top = std::clamp(a.top, 0, height);
+    a.bottom = std::clamp(a.bottom, a.top, height);
+    return a;
+}
+
+// Counting uses 32-bit sub-histograms: four interleaved copies per channel for 8-bit samples, so
+// that runs of equal values do not wait on each other's increments, folded into the 64-bit sets
+// before a copy could overflow. Channels are indexed in the frame's order here (0 blue, 1 green,
+// 2 red, 3 clear) and 4 is gray.
+namespace {
+
+constexpr int kCopies = 4;
+constexpr int kSlots = 5;
+constexpr int kDataToSet[kSlots] = {kBlue, kGreen, kRed, kClear, kGray};
+// Folding before 2^30 increments per copy keeps 32-bit counters safe.
+constexpr uint64_t kFoldAfter = uint64_t{1} << 30;
+
+struct GrayTables {
+    uint32_t r[256], g[256], b[256];
+    GrayTables() {
+        for (uint32_t v = 0; v < 256; ++v) {
+            r[v] = 299 * v;
+            g[v] = 587 * v;
+            b[v] = 114 * v + 500;
+        }
+    }
+};
+const GrayTables kGrayTables;
+
+// Slots are padded by 64 bytes so that equal values of different channels (a grey or flat frame)
+// never land 4 KiB apart, where the processor would take the second access for a reload of the
+// first and stall.
+constexpr int kSlotStride8 = kCopies * 256 + 16;
+using Table8 = uint32_t[kSlots][kSlotStride8];
+
+// Step is 1 for every pixel and 2 for every other one (column parity); constant strides let the
+// compiler address the four pixels of a group directly.
+template <int C, int Step>
+inline void count8(const uint8_t* p, int n, Table8& t) {
+    constexpr std::size_t step = std::size_t{C} * Step;
+    const GrayTables& g = kGrayTables;
+    auto one = [&](const uint8_t* q, int k) {
+        const int at = k * 256;
+        if constexpr (C == 1) {
+            ++t[4][at + q[0]];
+        } else {
+            const uint32_t b = q[0], gr = q[1], r = q[2];
+            ++t[0][at + b];
+            ++t[1][at + gr];
+            ++t[2][at + r];
+            if constexpr (C == 4) {
+                ++t[3][at + q[3]];
+            }
+            ++t[4][at + (g.r[r] + g.g[gr] + g.b[b]) / 1000];
+        }
+    };
+    int i = 0;
+    for (; i + kCopies <= n; i += kCopies, p += kCopies * step) {
+        one(p, 0);
+        one(p + step, 1);
+        one(p + 2 * step, 2);
+        one(p + 3 * step, 3);
+    }
+    for (; i < n; ++i, p += step) {
+        one(p, 0);
+    }
+}
+
+// 16-bit tables: one per channel, and a second gray table that mono frames alternate with; padded
+// like the 8-bit ones.
+constexpr int kSlots16 = 6;
+constexpr std::size_t kSlotStride16 = kHistogramBins + 16;
+
+template <int C, int Step>
+inline void count16(const uint16_t* p, int n, uint32_t* const* t) {
+    constexpr std::size_t step = std::size_t{C} * Step;
+    if constexpr (C == 1) {
+        int i = 0;
+        for (; i + 2 <= n; i += 2, p += 2 * step) {
+            ++t[4][p[0]];
+            ++t[5][p[step]];
+        }
+        if (i < n) {
+            ++t[4][p[0]];
+        }
+    } else {
+        for (int i = 0; i < n; ++i, p += step) {
+            const uint32_t b = p[0], g = p[1], r = p[2];
+            ++t[0][b];
+            ++t[1][g];
+            ++t[2][r];
+            if constexpr (C == 4) {
+                ++t[3][p[3]];
+            }
+            ++t[4][GrayValue(r, g, b)];
+        }
+    }
+}
+
+template <int Step>
+void countRow8(int channels, const uint8_t* p, int n, Table8& t) {
+    switch (channels) {
+        case 1:
+            count8<1, Step>(p, n, t);
+            break;
+        case 3:
+            count8<3, Step>(p, n, t);
+            break;
+        default:
+            count8<4, Step>(p, n, t);
+            break;
+    }
+}
+
+template <int Step>
+void countRow16(int channels, const uint16_t* p, int n, uint32_t* const* t) {
+    switch (channels) {
+        case 1:
+            count16<1, Step>(p, n, t);
+            break;
+        case 3:
+            count16<3, Step>(p, n, t);
+            break;
+        default:
+            count16<4, Step>(p, n, t);
+            break;
+    }
+}
+
+}  // namespace
+
+struct HistogramScratch::Tables {
+    alignas(64) Table8 t8[2];
+    std::vector<uint32_t> t16;  // [set][slot][65536], made on first use
+};
+
+HistogramScratch::HistogramScratch() : tables_(std::make_unique<Tables>()) {
+    std::memset(tables_->t8, 0, sizeof tables_->t8);
+}
+
+HistogramScratch::~HistogramScratch() = default;
+
+namespace {
+
+bool slotUsed(int slot, int channels) {
+    if (channels == 1) {
+        return slot >= 4;
+    }
+    return slot != 3 || channels == 4;
+}
+
+void fold8(Table8& t, HistogramSet& set, int channels) {
+    for (int s = 0; s < kSlots; ++s) {
+        if (!slotUsed(s, channels)) {
+            continue;
+        }
+        uint64_t* out = set.channel(kDataToSet[s]);
+        for (int b = 0; b < 256; ++b) {
+            uint64_t sum = 0;
+            for (int k = 0; k < kCopies; ++k) {
+                sum += t[s][k * 256 + b];
+                t[s][k * 256 + b] = 0;
+            }
+            out[b] += sum;
+        }
+    }
+}
+
+void fold16(uint32_t* t, HistogramSet& set, int channels) {
+    for (int s = 0; s < kSlots16; ++s) {
+        if (!slotUsed(s, channels) || (s == 5 && channels != 1)) {
+            continue;
+        }
+        uint32_t* table = t + static_cast<std::size_t>(s) * kSlotStride16;
+        uint64_t* out = set.channel(kDataToSet[s == 5 ? 4 : s]);
+        for (int b = 0; b < kHistogramBins; ++b) {
+            out[b] += table[b];
+        }
+        std::memset(table, 0, kHistogramBins * sizeof(uint32_t));
+    }
+}
+
+}  // namespace
+
+bool CountHistograms(const FrameCopy& frame, PixelArea area, bool splitParity, HistogramSet* sets,
+                     HistogramScratch& scratch, const std::atomic<bool>* running,
+                     const RowObserver* observer) {
+    area = ClipArea(area, frame.width(), frame.height());
+    const int channels = frame.channels();
+    const int nSets = splitParity ? 2 : 1;
+    const int bins = BinsFor(frame);
+    for (int s = 0; s < nSets; ++s) {
+        sets[s].Widen(bins);
+    }
+    if (area.empty()) {
+        return true;
+    }
+    HistogramScratch::Tables& tables = *scratch.tables_;
+    const bool wide = frame.depth() == 16;
+    if (wide && tables.t16.empty()) {
+        tables.t16.assign(std::size_t{2} * kSlots16 * kSlotStride16, 0);
+    }
+
+    // Per set: the first column and how many columns, stepping 1 or 2 pixels.
+    struct Span {
+        int first;
+        int count;
+    };
+    Span spans[2];
+    if (splitParity) {
+        const int even = area.left + (area.left & 1);
+        const int odd = area.left + 1 - (area.left & 1);
+        spans[0] = {even, std::max(0, (area.right - even + 1) / 2)};
+        spans[1] = {odd, std::max(0, (area.right - odd + 1) / 2)};
+    } else {
+        spans[0] = {area.left, area.width()};
+    }
+
+    auto fold = [&] {
+        for (int s = 0; s < nSets; ++s) {
+            if (wide) {
+                fold16(tables.t16.data() + std::size_t(s) * kSlots16 * kSlotStride16, sets[s],
+                       channels);
+            } else {
+                fold8(tables.t8[s], sets[s], channels);
+            }
+        }
+    };
+
+    bool completed = true;
+    uint64_t sinceFold = 0;
+    for (int y = area.top; y < area.bottom; ++y) {
+        if (running != nullptr && !running->load(std::memory_order_relaxed)) {
+            completed = false;
+            break;
+        }
+        if (observer != nullptr && *observer) {
+            (*observer)(y);
+        }
+        for (int s = 0; s < nSets; ++s) {
+            const Span& span = spans[s];
+            if (span.count <= 0) {
+                continue;
+            }
+            if (wide) {
+                const uint16_t* p = reinterpret_cast<const uint16_t*>(frame.row(y)) +
+                                    std::size_t(span.first) * channels;
+                uint32_t* base = tables.t16.data() + std::size_t(s) * kSlots16 * kSlotStride16;
+                uint32_t* t[kSlots16];
+                for (int k = 0; k < kSlots16; ++k) {
+                    t[k] = base + std::size_t(k) * kSlotStride16;
+                }
+                if (splitParity) {
+                    countRow16<2>(channels, p, span.count, t);
+                } else {
+                    countRow16<1>(channels, p, span.count, t);
+                }
+            } else {
+                const uint8_t* p = frame.row(y) + std::size_t(span.first) * channels;
+                if (splitParity) {
+                    countRow8<2>(channels, p, span.count, tables.t8[s]);
+                } else {
+                    countRow8<1>(channels, p, span.count, tables.t8[s]);
+                }
+            }
+        }
+        sinceFold += static_cast<uint64_t>(area.width());
+        if (sinceFold >= kFoldAfter) {
+            fold();
+            sinceFold = 0;
+        }
+    }
+    // Fold even an abandoned count, so that the tables start the next frame at zero.
+    fold();
+    return completed;
+}
+
+std::array<uint64_t, 4> ChannelMeans(const HistogramSet& set, int frameChannels, uint64_t pixels) {
+    std::array<uint64_t, 4> means{};
+    if (pixels == 0) {
+        return means;
+    }
+    if (frameChannels == 1) {
+        means[kRed] = set.Sum(kGray) / pixels;
+        return means;
+    }
+    means[kRed] = set.Sum(kRed) / pixels;
+    means[kGreen] = set.Sum(kGreen) / pixels;
+    means[kBlue] = set.Sum(kBlue) / pixels;
+    if (frameChannels == 4) {
+        means[kClear] = set.Sum(kClear) / pixels;
+    }
+    return means;
+}
+
+void LineStatistics::Finish() {
+    range = static_cast<int64_t>(maximum) - static_cast<int64_t>(minimum);
+    if (count == 0) {
+        average = 0.0;
+        deviation = 0.0;
+        return;
+    }
+    average = static_cast<double>(sum) / static_cast<double>(count);
+    deviation = std::sqrt(std::fabs(static_cast<double>(sumSquares) / static_cast<double>(count) -
+                                    average * average));
+}
+
+bool RowStatistics(const FrameCopy& frame, int y, int c, int x0, int x1, LineStatistics& out,
+                   const std::atomic<bool>* running) {
+    out = LineStatistics{};
+    if (y >= 0 && y < frame.height() && c >= 0 && c < frame.channels()) {
+        x0 = std::max(x0, 0);
+        x1 = std::min(x1, frame.width());
+        for (int x = x0; x < x1; ++x) {
+            if (running != nullptr && !running->load(std::memory_order_relaxed)) {
+                return false;
+            }
+            out.Add(frame.sample(x, y, c));
+        }
+    }
+    out.Finish();
+    return true;
+}
+
+bool ColumnStatistics(const FrameCopy& frame, int x, int c, int y0, int y1, LineStatistics& out,
+                      const std::atomic<bool>* running) {
+    out = LineStatistics{};
+    if (x >= 0 && x < frame.width() && c >= 0 && c < frame.channels()) {
+        y0 = std::max(y0, 0);
+        y1 = std::min(y1, frame.height());
+        for (int y = y0; y < y1; ++y) {
+            if (running != nullptr && !running->load(std::memory_order_relaxed)) {
+                return false;
+            }
+            out.Add(frame.sample(x, y, c));
+        }
+    }
+    out.Finish();
+    return true;
+}
+
+StatisticsTexts FormatStatistics(const LineStatistics& s) {
+    char buf[64];
+    StatisticsTexts t;
+    std::snprintf(buf, sizeof buf, "%d", static_cast<int>(s.minimum));
+    t.minimum = buf;
+    std::snprintf(buf, sizeof buf, "%d", static_cast<int>(s.maximum));
+    t.maximum = buf;
+    std::snprintf(buf, sizeof buf, "%d", static_cast<int>(s.range));
+    t.range = buf;
+    std::snprintf(buf, sizeof buf, "%d", static_cast<int>(s.average));
+    t.average = buf;
+    std::snprintf(buf, sizeof buf, "%.2f", s.deviation);
+    t.deviation = buf;
+    return t;
+}
+
+RatioVerdict RatioOf(const LineStatistics& s) {
+    return s.count == 0 ? RatioVerdict{} : RatioOf(s.minimum, s.maximum);
+}
+
+RatioVerdict RatioOf(uint32_t minimum, uint32_t maximum) {
+    if (minimum == 0) {
+        return {};
+    }
+    const double ratio = static_cast<double>(maximum) / static_cast<double>(minimum);
+    return {ratio, ratio <= kPassRatio ? Verdict::kPass : Verdict::kFail};
+}
+
+std::string FormatRatio(double ratio) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.3f", ratio);
+    return buf;
+}
+
+Clamped ClampToFrame(int value, int extent) {
+    if (value >= extent) {
+        return {std::max(extent - 1, 0), true};
+    }
+    if (value < 0) {
+        return {0, true};
+    }
+    return {value, false};
+}
+
+}  // namespace lumetra
