@@ -7,7 +7,7 @@
 #include <functional>
 #include <thread>
 
-#include "analysis/auto_reset_event.h"
+#include "acquisition/auto_reset_event.h"
 
 namespace lumetra {
 

@@ -16,7 +16,7 @@
 #include "acquisition/clock.h"
 #include "acquisition/grab_engine.h"
 #include "acquisition/messages.h"
-#include "recording/auto_reset_event.h"
+#include "acquisition/auto_reset_event.h"
 #include "recording/system_status.h"
 
 namespace lumetra {

@@ -1,8 +1,10 @@
 // lumetra-cli analyze and signals end to end: the real tool on files written here and on the
 // simulated board.
 #include <gtest/gtest.h>
+
 #include <sys/wait.h>
 #include <unistd.h>
+#include "support/tool_run.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -77,25 +79,7 @@ class AnalyzeCliTest : public ::testing::Test {
         return ss.str();
     }
 
-    ToolRun run(const std::string& args) {
-        const std::string env =
-            "env -u LUMETRA_BOARD_LIBRARY -u ORVIX_SIM_CONFIG XDG_CONFIG_HOME='" + dir.string() +
-            "/config' LUMETRA_SYSTEM_SETTINGS='" + dir.string() + "/system.ini' ";
-        const std::string err = (dir / "stderr.txt").string();
-        const std::string cmd = env + LUMETRA_CLI + " " + args + " 2>'" + err + "'";
-        ToolRun r;
-        FILE* p = popen(cmd.c_str(), "r");
-        char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
-            r.out.append(buf, n);
-        }
-        const int status = pclose(p);
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        std::ifstream in(err);
-        r.err.assign(std::istreambuf_iterator<char>(in), {});
-        return r;
-    }
+    ToolRun run(const std::string& args) { return lumetra::test::RunTool(LUMETRA_CLI, dir, args); }
 
     // 8 x 6, value 10 x + y, with three bright pixels at the bottom right.
     static int Gray(int x, int y, int) {
@@ -114,7 +98,7 @@ TEST_F(AnalyzeCliTest, GrayPgmEveryFigureAsJson) {
     const ToolRun r =
         run("analyze '" + file + "' --json --row 2 --col 3 --roi 1,1,4,3 --profile-row 1");
     ASSERT_EQ(r.status, 0) << r.err << r.out;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_TRUE(o["ok"].toBool());
     EXPECT_EQ(o["width"].toInt(), 8);
     EXPECT_EQ(o["height"].toInt(), 6);
@@ -175,7 +159,7 @@ TEST_F(AnalyzeCliTest, BadPixelListsAndTheirCsvFiles) {
     ToolRun r = run("analyze '" + file + "' --json --bad 1,200,255,2,2 --csv '" +
                     path("single.csv") + "' --csv-vertical '" + path("vertical.csv") + "'");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject bad = r.json()["badPixels"].toObject();
+    const QJsonObject bad = jsonOf(r)["badPixels"].toObject();
     EXPECT_EQ(bad["single"].toInt(), 3);
     EXPECT_EQ(bad["horizontal"].toInt(), 1);
     EXPECT_EQ(bad["vertical"].toInt(), 1);
@@ -190,10 +174,10 @@ TEST_F(AnalyzeCliTest, BadPixelListsAndTheirCsvFiles) {
     // With a ROI the search covers the ROI only: columns 4 to 7 of rows 4 and 5 here.
     r = run("analyze '" + file + "' --json --roi 4,4,7,5 --bad 1,200,255,1,1");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.json()["badPixels"].toObject()["single"].toInt(), 3);
+    EXPECT_EQ(jsonOf(r)["badPixels"].toObject()["single"].toInt(), 3);
     r = run("analyze '" + file + "' --json --roi 0,0,6,4 --bad 1,200,255,1,1");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.json()["badPixels"].toObject()["single"].toInt(), 0);
+    EXPECT_EQ(jsonOf(r)["badPixels"].toObject()["single"].toInt(), 0);
 }
 
 TEST_F(AnalyzeCliTest, TextOutputNamesTheFigures) {
@@ -212,7 +196,7 @@ TEST_F(AnalyzeCliTest, SixteenBitPgmKeepsItsSamples) {
         "deep.pgm", 5, 4, 1, 4095, [](int x, int y, int) { return x == 4 && y == 3 ? 4000 : 123; });
     ToolRun r = run("analyze '" + file + "' --bits 12 --json");
     ASSERT_EQ(r.status, 0) << r.err;
-    QJsonObject o = r.json();
+    QJsonObject o = jsonOf(r);
     EXPECT_EQ(o["bitsPerPixel"].toInt(), 12);
     EXPECT_EQ(o["shift"].toInt(), 4);
     EXPECT_EQ(o["bins"].toInt(), 65536);
@@ -223,8 +207,8 @@ TEST_F(AnalyzeCliTest, SixteenBitPgmKeepsItsSamples) {
 
     r = run("analyze '" + file + "' --json");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.json()["bitsPerPixel"].toInt(), 16);
-    EXPECT_EQ(r.json()["shift"].toInt(), 8);
+    EXPECT_EQ(jsonOf(r)["bitsPerPixel"].toInt(), 16);
+    EXPECT_EQ(jsonOf(r)["shift"].toInt(), 8);
 }
 
 TEST_F(AnalyzeCliTest, ColourPpmMeansPerChannel) {
@@ -234,7 +218,7 @@ TEST_F(AnalyzeCliTest, ColourPpmMeansPerChannel) {
     });
     const ToolRun r = run("analyze '" + file + "' --json --row 1 --channel 2");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     const QJsonObject means = o["means"].toObject();
     EXPECT_EQ(means["Red"].toInt(), 200);
     EXPECT_EQ(means["Green"].toInt(), 101);
@@ -254,8 +238,8 @@ TEST_F(AnalyzeCliTest, AnImageThatCannotBeReadIsNamedWithTheReason) {
     EXPECT_NE(r.err.find("cannot read " + path("missing.pgm") + ": no such file"),
               std::string::npos)
         << r.err;
-    EXPECT_FALSE(r.json()["ok"].toBool());
-    EXPECT_TRUE(r.json()["error"].toString().startsWith("cannot read"));
+    EXPECT_FALSE(jsonOf(r)["ok"].toBool());
+    EXPECT_TRUE(jsonOf(r)["error"].toString().startsWith("cannot read"));
 
     const std::string junk = writeBytes("junk.pgm", "P5\nthis is not a picture");
     r = run("analyze '" + junk + "'");
@@ -278,10 +262,10 @@ TEST_F(AnalyzeCliTest, ValidationTextsRefuseOrClamp) {
 
     r = run("analyze '" + file + "' --json --row 6 --roi 1,1,4,3");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.json()["row"].toObject()["index"].toInt(), 5);
+    EXPECT_EQ(jsonOf(r)["row"].toObject()["index"].toInt(), 5);
     EXPECT_TRUE(r.log().contains("Set value is out of range")) << r.err;
     EXPECT_TRUE(r.log().contains("Set value is out of ROI range")) << r.err;
-    EXPECT_EQ(r.json()["roi"].toObject()["row"].toObject()["index"].toInt(), 2);
+    EXPECT_EQ(jsonOf(r)["roi"].toObject()["row"].toObject()["index"].toInt(), 2);
 
     r = run("analyze '" + file + "' --json --bad 0,0,0,1,1 --csv '" + path("none.csv") + "'");
     EXPECT_EQ(r.status, 0) << r.err;
@@ -305,7 +289,7 @@ TEST_F(AnalyzeCliTest, MalformedArgumentsAreRefused) {
 TEST_F(AnalyzeCliTest, GrabbedFrameFromTheSimulatedBoard) {
     const ToolRun r = run("analyze --grab --json --row 10 --bad 2,1,254,2,2");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_EQ(o["source"].toString(), "grab");
     const int pixels = o["width"].toInt() * o["height"].toInt();
     EXPECT_GT(pixels, 0);
@@ -321,7 +305,7 @@ TEST_F(AnalyzeCliTest, GrabbedFrameFromTheSimulatedBoard) {
 TEST_F(AnalyzeCliTest, SignalsCountsTheCheckedInputsButNeverInternalTrigger) {
     const ToolRun r = run("signals --seconds 0.7 --inputs 0,1,2 --json");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_TRUE(o["ok"].toBool());
     EXPECT_EQ(o["method"].toString(), "Statistical");
     const QJsonArray rows = o["signals"].toArray();
@@ -341,7 +325,7 @@ TEST_F(AnalyzeCliTest, SignalsCountsTheCheckedInputsButNeverInternalTrigger) {
 TEST_F(AnalyzeCliTest, SignalsRecordStatisticalReadsTheBoardCounters) {
     const ToolRun r = run("signals --seconds 0.7 --inputs 3 --record-statistical --falling --json");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_EQ(o["method"].toString(), "Record Statistical");
     const QJsonObject encoder = o["signals"].toArray()[3].toObject();
     EXPECT_EQ(encoder["event"].toInt(), 0x400008);

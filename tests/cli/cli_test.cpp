@@ -1,26 +1,23 @@
 // lumetra-cli end to end: the real tool on the real simulated board.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "support/tool_run.h"
+
 namespace {
 
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-    QJsonObject json() const {
-        return QJsonDocument::fromJson(QByteArray::fromStdString(out)).object();
-    }
-};
+using lumetra::test::ToolRun;
+
+QJsonObject jsonOf(const ToolRun& r) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(r.out)).object();
+}
 
 class CliTest : public ::testing::Test {
   protected:
@@ -42,31 +39,14 @@ class CliTest : public ::testing::Test {
 
     // Runs the tool with a private settings home and the given simulator configuration.
     ToolRun run(const std::string& args, const std::string& simConfig = {}) {
-        std::string env = "env -u LUMETRA_BOARD_LIBRARY ";
-        env += simConfig.empty() ? "-u ORVIX_SIM_CONFIG " : "ORVIX_SIM_CONFIG='" + simConfig + "' ";
-        env += "XDG_CONFIG_HOME='" + dir.string() + "/config' LUMETRA_SYSTEM_SETTINGS='" +
-               dir.string() + "/system.ini' ";
-        const std::string err = (dir / "stderr.txt").string();
-        const std::string cmd = env + LUMETRA_CLI + " " + args + " 2>'" + err + "'";
-        ToolRun r;
-        FILE* p = popen(cmd.c_str(), "r");
-        char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
-            r.out.append(buf, n);
-        }
-        const int status = pclose(p);
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        std::ifstream in(err);
-        r.err.assign(std::istreambuf_iterator<char>(in), {});
-        return r;
+        return lumetra::test::RunTool(LUMETRA_CLI, dir, args, simConfig);
     }
 };
 
 TEST_F(CliTest, BoardsListsTheTwoDefaultBoards) {
     const ToolRun r = run("boards --json");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonArray boards = r.json()["boards"].toArray();
+    const QJsonArray boards = jsonOf(r)["boards"].toArray();
     ASSERT_EQ(boards.size(), 2);
     const QJsonObject b0 = boards[0].toObject();
     const QJsonObject b1 = boards[1].toObject();
@@ -85,7 +65,7 @@ TEST_F(CliTest, InfoUsesTheSecondBoardWhenTheFirstDoesNotOpen) {
     const std::string ini = write("sim.ini", "[board0]\nopen_fails=1\n[board1]\n");
     const ToolRun r = run("info --json", ini);
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_EQ(o["board"].toInt(), 1);
     EXPECT_TRUE(o["coaxpress"].toBool());
     EXPECT_EQ(o["model"].toInt(), 10);
@@ -95,7 +75,7 @@ TEST_F(CliTest, InfoUsesTheSecondBoardWhenTheFirstDoesNotOpen) {
     EXPECT_EQ(o["channels"].toInt(), 1);
 
     const ToolRun boards = run("boards --json", ini);
-    EXPECT_FALSE(boards.json()["boards"].toArray()[0].toObject()["opens"].toBool());
+    EXPECT_FALSE(jsonOf(boards)["boards"].toArray()[0].toObject()["opens"].toBool());
 }
 
 TEST_F(CliTest, InfoOfTheDefaultBoardAsText) {
@@ -109,7 +89,7 @@ TEST_F(CliTest, InfoOfTheDefaultBoardAsText) {
 TEST_F(CliTest, SetCorrectsGeometryAndReportsIt) {
     const ToolRun r = run("--board 1 set width=1000 height=1001 --jpeg 1 --json");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_EQ(o["width"].toInt(), 1040);
     EXPECT_EQ(o["height"].toInt(), 1000);
     const QJsonArray log = o["log"].toArray();
@@ -131,7 +111,7 @@ TEST_F(CliTest, SetReportsARefusedParameterAndGoesOn) {
     const std::string ini = write("sim.ini", "[board0]\nfail_set=0x10000049,0x10000002\n");
     const ToolRun r = run("set 0x10000002=1000 triggerMode=1 --json", ini);
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     QStringList lines;
     for (const QJsonValue& v : o["log"].toArray()) {
         lines << v.toString();
@@ -169,7 +149,7 @@ TEST_F(CliTest, MalformedSimulatorConfigurationOffersNoBoard) {
     const std::string ini = write("bad.ini", "[board0]\nwidth=12x\n");
     const ToolRun r = run("boards --json", ini);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.json()["boards"].toArray().size(), 0);
+    EXPECT_EQ(jsonOf(r)["boards"].toArray().size(), 0);
     EXPECT_NE(r.err.find("bad.ini:2"), std::string::npos) << r.err;
     EXPECT_EQ(run("info", ini).status, 1);
 }
@@ -191,7 +171,7 @@ TEST_F(CliGrabTest, SingleShotCompletesAndWritesTheSnapshot) {
     const std::string snapshot = (dir / "frame.raw").string();
     const ToolRun r = grab("--once --snapshot " + snapshot);
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_EQ(o["framesGrabbed"].toInt(), 1);
     EXPECT_EQ(o["framesDisplayed"].toInt(), 1);
     const QJsonArray log = o["log"].toArray();
@@ -205,7 +185,7 @@ TEST_F(CliGrabTest, SingleShotCompletesAndWritesTheSnapshot) {
 TEST_F(CliGrabTest, ContinuousGrabCountsFramesWithoutLoss) {
     const ToolRun r = grab("--frames 30");
     ASSERT_EQ(r.status, 0) << r.err;
-    const QJsonObject o = r.json();
+    const QJsonObject o = jsonOf(r);
     EXPECT_GE(o["framesGrabbed"].toInt(), 30);
     EXPECT_EQ(o["framesLost"].toInt(), 0);
     EXPECT_GE(o["framesDisplayed"].toInt(), 1);
@@ -232,7 +212,7 @@ TEST_F(CliGrabTest, SimulatedFaultsGiveTheirTexts) {
         const ToolRun r = grab(c.args, c.keys);
         EXPECT_EQ(r.status, 1) << r.err;
         QStringList lines;
-        for (const QJsonValue& v : r.json()["log"].toArray()) {
+        for (const QJsonValue& v : jsonOf(r)["log"].toArray()) {
             lines << v.toString();
         }
         EXPECT_TRUE(lines.contains(c.text)) << r.err;

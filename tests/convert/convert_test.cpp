@@ -1,8 +1,10 @@
 // lumetra-cli convert end to end: PGM and PPM files written byte by byte here, the real tool, and
 // OpenCV to read back what it wrote.
 #include <gtest/gtest.h>
+
 #include <sys/wait.h>
 #include <unistd.h>
+#include "support/tool_run.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -16,11 +18,7 @@
 
 namespace {
 
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+using lumetra::test::ToolRun;
 
 class ConvertTool : public testing::Test {
   protected:
@@ -60,25 +58,7 @@ class ConvertTool : public testing::Test {
         return path(name);
     }
 
-    ToolRun run(const std::string& args) {
-        const std::string err = path("stderr.txt");
-        const std::string cmd =
-            "env -u LUMETRA_BOARD_LIBRARY -u ORVIX_SIM_CONFIG XDG_CONFIG_HOME='" + path("config") +
-            "' LUMETRA_SYSTEM_SETTINGS='" + path("system.ini") + "' " + LUMETRA_CLI + " " + args +
-            " 2>'" + err + "'";
-        ToolRun r;
-        FILE* p = popen(cmd.c_str(), "r");
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) {
-            r.out.append(buf, n);
-        }
-        const int status = pclose(p);
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        std::ifstream in(err);
-        r.err.assign(std::istreambuf_iterator<char>(in), {});
-        return r;
-    }
+    ToolRun run(const std::string& args) { return lumetra::test::RunTool(LUMETRA_CLI, dir, args); }
 
     cv::Mat read(const std::string& name) const {
         return cv::imread(path(name), cv::IMREAD_UNCHANGED);
