@@ -18,21 +18,19 @@
 
 namespace {
 
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-    QJsonObject json() const {
-        return QJsonDocument::fromJson(QByteArray::fromStdString(out)).object();
+using lumetra::test::ToolRun;
+
+QJsonObject jsonOf(const ToolRun& r) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(r.out)).object();
+}
+
+QStringList logOf(const ToolRun& r) {
+    QStringList lines;
+    for (const QJsonValue& v : jsonOf(r)["log"].toArray()) {
+        lines << v.toString();
     }
-    QStringList log() const {
-        QStringList lines;
-        for (const QJsonValue& v : json()["log"].toArray()) {
-            lines << v.toString();
-        }
-        return lines;
-    }
-};
+    return lines;
+}
 
 class AnalyzeCliTest : public ::testing::Test {
   protected:
@@ -252,24 +250,24 @@ TEST_F(AnalyzeCliTest, ValidationTextsRefuseOrClamp) {
     const std::string file = writePnm("gray.pgm", 8, 6, 1, 255, Gray);
     ToolRun r = run("analyze '" + file + "' --json --roi 0,0,8,5");
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.log().contains("Setting out of range, please reset !")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("Setting out of range, please reset !")) << r.err;
     r = run("analyze '" + file + "' --json --roi 3,0,2,5");
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.log().contains("Please check if the Settings are correct !")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("Please check if the Settings are correct !")) << r.err;
     r = run("analyze '" + file + "' --json --bad 1,0,255,9,1");
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.log().contains("Please reset the cluster count range!")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("Please reset the cluster count range!")) << r.err;
 
     r = run("analyze '" + file + "' --json --row 6 --roi 1,1,4,3");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(jsonOf(r)["row"].toObject()["index"].toInt(), 5);
-    EXPECT_TRUE(r.log().contains("Set value is out of range")) << r.err;
-    EXPECT_TRUE(r.log().contains("Set value is out of ROI range")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("Set value is out of range")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("Set value is out of ROI range")) << r.err;
     EXPECT_EQ(jsonOf(r)["roi"].toObject()["row"].toObject()["index"].toInt(), 2);
 
     r = run("analyze '" + file + "' --json --bad 0,0,0,1,1 --csv '" + path("none.csv") + "'");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(r.log().contains("No Bad Pixel Data.")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("No Bad Pixel Data.")) << r.err;
     EXPECT_FALSE(std::filesystem::exists(path("none.csv")));
 }
 
@@ -335,7 +333,7 @@ TEST_F(AnalyzeCliTest, SignalsRecordStatisticalReadsTheBoardCounters) {
 TEST_F(AnalyzeCliTest, SignalsWithOnlyInternalTriggerIsRefused) {
     const ToolRun r = run("signals --seconds 0.3 --inputs 0 --json");
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.log().contains("Select the signal you want to check !")) << r.err;
+    EXPECT_TRUE(logOf(r).contains("Select the signal you want to check !")) << r.err;
     EXPECT_EQ(run("signals --inputs 1").status, 2);
     EXPECT_EQ(run("signals --seconds 1 --inputs 8").status, 2);
 }
