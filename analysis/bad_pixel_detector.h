@@ -12,9 +12,9 @@
 #include <mutex>
 #include <thread>
 
+#include "acquisition/auto_reset_event.h"
 #include "acquisition/messages.h"
 #include "analysis/analysis_messages.h"
-#include "acquisition/auto_reset_event.h"
 #include "analysis/bad_pixels.h"
 #include "analysis/frame_copy.h"
 #include "imaging/frame_image.h"
