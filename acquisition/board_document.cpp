@@ -80,13 +80,18 @@ CKELM_PCIE_VexCardDoc::CKELM_PCIE_VexCardDoc(const DocumentServices& s)
     if (raw.hasImage() && store_->Resize(raw.size())) {
         store_->Put(raw.data(), raw.size(), false);
     }
+    saver_ = std::make_unique<SequenceSaver>(*log_);
+    recorder_ = std::make_unique<VideoRecorder>(RecorderLinks{sink_, clock_, nullptr});
     grab_ = std::make_unique<GrabEngine>(
         GrabLinks{lib_, log_, sink_, clock_, frame_.get(), store_.get()});
+    grab_->setConsumers(saver_.get(), recorder_.get());
 }
 
 CKELM_PCIE_VexCardDoc::~CKELM_PCIE_VexCardDoc() {
-    // No callback or worker may outlive the board.
+    // No callback or worker may outlive the board; the recording paths end with the grab.
     grab_.reset();
+    recorder_.reset();
+    saver_.reset();
     if (lib_ != nullptr && hasBoard()) {
         lib_->Close(handle_);
     }

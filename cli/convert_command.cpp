@@ -15,7 +15,7 @@
 #include "cli/cli_output.h"
 #include "imaging/display_modes.h"
 #include "imaging/display_render.h"
-#include "imaging/raw_image_file.h"
+#include "recording/image_files.h"
 
 namespace lumetra::cli {
 namespace {
@@ -92,7 +92,7 @@ std::optional<ConvertRequest> ParseRequest(Arguments& args) {
         }
         r.bits = static_cast<int>(*bits);
     }
-    const bool rawInput = !r.grab && IsRawImagePath(r.input);
+    const bool rawInput = !r.grab && ImageFileTypeOf(r.input) == ImageFileType::kRaw;
     if ((size || channels) && !rawInput) {
         args.Error("--size and --channels are for a raw input file");
         return std::nullopt;
@@ -142,20 +142,20 @@ bool ReadImage(Session& s, const ConvertRequest& r, ImageBuffer& raw) {
         Fail(s, "cannot read " + path + ": no such file");
         return false;
     }
-    if (IsRawImagePath(path)) {
+    cv::Mat image;
+    if (ImageFileTypeOf(path) == ImageFileType::kRaw) {
         std::string error;
-        if (!ReadRawImage(path, r.raw, raw, error)) {
+        if (!LoadRawImageFile(path, r.raw, image, error)) {
             Fail(s, error);
             return false;
         }
-        return true;
-    }
-    cv::Mat image;
-    try {
-        image = cv::imread(path, cv::IMREAD_UNCHANGED);
-    } catch (const cv::Exception& e) {
-        Fail(s, "cannot read " + path + ": " + e.what());
-        return false;
+    } else {
+        try {
+            image = cv::imread(path, cv::IMREAD_UNCHANGED);
+        } catch (const cv::Exception& e) {
+            Fail(s, "cannot read " + path + ": " + e.what());
+            return false;
+        }
     }
     if (image.empty()) {
         Fail(s, "cannot read " + path + ": not an image file this tool reads (PGM, PPM, PNG, ...)");
@@ -196,9 +196,9 @@ bool GrabFrame(Session& s) {
 }
 
 bool WriteImage(Session& s, const std::string& path, const cv::Mat& image) {
-    if (IsRawImagePath(path)) {
+    if (ImageFileTypeOf(path) == ImageFileType::kRaw) {
         std::string error;
-        if (!WriteRawImage(path, image, error)) {
+        if (!SaveImageFile(image, path, ImageSaveOptions{}, error)) {
             Fail(s, error);
             return false;
         }

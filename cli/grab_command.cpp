@@ -40,12 +40,13 @@ struct GrabFigures {
 };
 
 // The recording paths of one run; each is there only when asked for.
+// The board document's recording paths, when this run uses them.
 struct Recording {
-    std::unique_ptr<VideoRecorder> recorder;
+    VideoRecorder* recorder = nullptr;
     std::unique_ptr<DocumentVideoHost> host;
     std::unique_ptr<VideoController> video;
     bool videoStarted = false;
-    std::unique_ptr<SequenceSaver> saver;
+    SequenceSaver* saver = nullptr;
 };
 
 std::optional<std::pair<int, int>> ParseDpi(const std::string& text) {
@@ -209,25 +210,24 @@ int RunGrab(Session& s) {
 
     Recording rec;
     if (!o.record.empty()) {
-        rec.recorder = std::make_unique<VideoRecorder>(RecorderLinks{&s.sink, nullptr, nullptr});
+        rec.recorder = &doc.videoRecorder();
         rec.host = std::make_unique<DocumentVideoHost>(doc);
         rec.video = std::make_unique<VideoController>(*rec.recorder, *rec.host, s.settings, s.log,
                                                       s.prompt);
     }
     bool ok = true;
     if (!o.save.empty()) {
-        rec.saver = std::make_unique<SequenceSaver>(s.log);
+        rec.saver = &doc.sequenceSaver();
         sequence.count = static_cast<int>(*o.count);
         sequence.setGeometry(DocumentFrameFormat(doc));
         sequence.options = saveOptions;
         std::string error;
         if (!rec.saver->Start(sequence, error)) {
             s.log.log("Save image sequence fail: " + o.save + ": " + error + "\n");
-            rec.saver.reset();
+            rec.saver = nullptr;
             ok = false;
         }
     }
-    engine.setConsumers(rec.saver.get(), rec.recorder.get());
 
     s.sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
         return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
