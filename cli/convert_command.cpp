@@ -146,7 +146,7 @@ bool ReadImage(Session& s, const ConvertRequest& r, ImageBuffer& raw) {
     if (ImageFileTypeOf(path) == ImageFileType::kRaw) {
         std::string error;
         if (!LoadRawImageFile(path, r.raw, image, error)) {
-            Fail(s, error);
+            Fail(s, path + ": " + error);
             return false;
         }
     } else {

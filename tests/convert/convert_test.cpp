@@ -235,7 +235,8 @@ TEST_F(ConvertTool, RawFilesBothWays) {
     r = run("convert " + path("in.raw") + " " + path("x.pgm") + " --size 6x4 --mode 0");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "lumetra-cli convert: " + path("in.raw") +
-                         " holds 48 bytes; 6 x 4 x 1 samples of 8 bits take 24\n");
+                         ": the size does not match: 6 x 4 x 1 channel of 8 bits needs 24 "
+                         "bytes, the file has 48 bytes\n");
     r = run("convert " + path("out.pgm") + " " + path("x.pgm") + " --size 6x4");
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "lumetra-cli convert: --size and --channels are for a raw input file\n");
