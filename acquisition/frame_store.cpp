@@ -1,13 +1,10 @@
 #include "acquisition/frame_store.h"
 
 #include <algorithm>
-#include <csetjmp>
-#include <cstdio>
 #include <cstring>
 
-#include <jpeglib.h>
-
 #include "acquisition/debug_output.h"
+#include "recording/image_files.h"
 
 namespace lumetra {
 
@@ -73,77 +70,27 @@ void FrameStore::setHold(bool hold) {
     hold_ = hold;
 }
 
-}  // namespace lumetra
-
-namespace lumetra {
-namespace {
-
-struct JpegError {
-    jpeg_error_mgr mgr;
-    std::jmp_buf jump;
-};
-
-[[noreturn]] void onJpegError(j_common_ptr info) {
-    std::longjmp(reinterpret_cast<JpegError*>(info->err)->jump, 1);
-}
-
-// libjpeg's warnings go where the decoding failures go: the debug output only.
-void onJpegMessage(j_common_ptr info) {
-    char text[JMSG_LENGTH_MAX];
-    info->err->format_message(info, text);
-    DebugOutput(text);
-}
-
-// Decodes into the raw image when the picture fits it exactly: 8-bit samples, same size and
-// component count.
-bool decodeJpeg(const uint8_t* data, size_t size, ImageBuffer& raw) {
-    jpeg_decompress_struct info{};
-    JpegError err{};
-    info.err = jpeg_std_error(&err.mgr);
-    err.mgr.error_exit = onJpegError;
-    err.mgr.output_message = onJpegMessage;
-    if (setjmp(err.jump) != 0) {
-        jpeg_destroy_decompress(&info);
-        DebugOutput("jpeg decompress failure");
-        return false;
-    }
-    jpeg_create_decompress(&info);
-    jpeg_mem_src(&info, data, static_cast<unsigned long>(size));
-    if (jpeg_read_header(&info, TRUE) != JPEG_HEADER_OK ||
-        static_cast<int>(info.image_width) != raw.width() ||
-        static_cast<int>(info.image_height) != raw.height() || raw.depth() != 8 ||
-        info.num_components != raw.channels()) {
-        jpeg_destroy_decompress(&info);
-        DebugOutput("jpeg decompress failure");
-        return false;
-    }
-    // Colour frames are held B, G, R.
-    if (info.num_components == 3) {
-        info.out_color_space = JCS_EXT_BGR;
-    }
-    if (!jpeg_start_decompress(&info)) {
-        jpeg_destroy_decompress(&info);
-        DebugOutput("Jpeg start decompress failure");
-        return false;
-    }
-    while (info.output_scanline < info.output_height) {
-        JSAMPROW row = raw.data() + size_t(info.output_scanline) * size_t(raw.widthStep());
-        jpeg_read_scanlines(&info, &row, 1);
-    }
-    jpeg_finish_decompress(&info);
-    jpeg_destroy_decompress(&info);
-    return true;
-}
-
-}  // namespace
-
 bool FrameStore::ConvertInto(ImageBuffer& raw) const {
     std::lock_guard lock(mutex_);
     if (!full_ || !raw.hasImage()) {
         return false;
     }
     if (jpeg_) {
-        return decodeJpeg(static_cast<const uint8_t*>(block_), size_, raw);
+        // The picture must fit the raw image exactly; failures reach the debug output only.
+        cv::Mat decoded;
+        std::string error;
+        if (!DecodeJpeg(static_cast<const uint8_t*>(block_), size_, decoded, error)) {
+            DebugOutput("jpeg decompress failure: " + error);
+            return false;
+        }
+        if (raw.depth() != 8 || decoded.cols != raw.width() || decoded.rows != raw.height() ||
+            decoded.channels() != raw.channels()) {
+            DebugOutput("jpeg decompress failure: the picture does not fit the frame");
+            return false;
+        }
+        cv::Mat target = raw.mat();
+        decoded.copyTo(target);
+        return true;
     }
     std::memcpy(raw.data(), block_, std::min<size_t>(size_, raw.size()));
     return true;

@@ -11,7 +11,6 @@
 #include <opencv2/imgcodecs.hpp>
 #include <sstream>
 
-#include "acquisition/grab_controller.h"
 #include "analysis/bad_pixel_detector.h"
 #include "analysis/histogram_analytics.h"
 #include "analysis/line_profile.h"
@@ -238,19 +237,7 @@ bool grabFrame(Session& s) {
         NoBoard(s);
         return false;
     }
-    if (!s.document->hasBoard()) {
-        return false;
-    }
-    GrabController controller(*s.document, s.prompt);
-    s.sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
-        return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
-    });
-    controller.SingleShot();
-    s.sink.Dispatch([&](uint32_t m, intptr_t w, intptr_t l) { return controller.Handle(m, w, l); },
-                    std::chrono::milliseconds(0));
-    s.sink.setAnswer({});
-    // Every grab command starts the counter from 0.
-    return s.document->grabEngine().context().frameCounter == 1;
+    return s.document->hasBoard() && s.SingleShot();
 }
 
 const char* kChannelNames[kHistogramChannels] = {"Red", "Green", "Blue", "Clear", "Gray"};

@@ -1,5 +1,7 @@
 #include "cli/cli_session.h"
 
+#include "acquisition/grab_controller.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -95,6 +97,19 @@ bool Session::OpenDocument() {
     services.boardIndex = options.board;
     document = std::make_unique<CKELM_PCIE_VexCardDoc>(services);
     return document->hasBoard();
+}
+
+bool Session::SingleShot() {
+    GrabController controller(*document, prompt);
+    sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
+        return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
+    });
+    controller.SingleShot();
+    sink.Dispatch([&](uint32_t m, intptr_t w, intptr_t l) { return controller.Handle(m, w, l); },
+                  std::chrono::milliseconds(0));
+    sink.setAnswer({});
+    // Every grab command starts the counter from 0.
+    return document->grabEngine().context().frameCounter == 1;
 }
 
 }  // namespace lumetra::cli

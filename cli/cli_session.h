@@ -86,6 +86,8 @@ class Session {
     bool LoadLibrary();
     // Loads the library and constructs the board document the way the workbench does.
     bool OpenDocument();
+    // A single shot on the open document's board, its messages handled; true when one frame came.
+    bool SingleShot();
 
     const Options& options;
     QtSettings settings;

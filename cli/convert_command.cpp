@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 
-#include "acquisition/grab_controller.h"
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
 #include "imaging/display_modes.h"
@@ -181,14 +180,7 @@ bool GrabFrame(Session& s) {
         NoBoard(s);
         return false;
     }
-    GrabController controller(*s.document, s.prompt);
-    s.sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
-        return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
-    });
-    controller.SingleShot();
-    s.sink.Dispatch([&](uint32_t m, intptr_t w, intptr_t l) { return controller.Handle(m, w, l); },
-                    std::chrono::milliseconds(0));
-    if (s.document->grabEngine().context().frameCounter != 1) {
+    if (!s.SingleShot()) {
         Fail(s, "no frame was grabbed");
         return false;
     }
