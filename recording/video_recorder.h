@@ -35,12 +35,6 @@ inline constexpr uint64_t kMinFreeBytes = 0x7FFFFFFF;
 inline constexpr int kMemoryLoadLimit = 90;
 }  // namespace video
 
-// The encoder's bit rate in kbit/s for a width and a frame rate. The height does not enter.
-int VideoBitRate(int width, double rate);
-
-// x264 colour space of an image type: 0 mono, 1 BGR, 2 BGRA, 3 RGB, 4 BGRA; -1 for others.
-int VideoColourSpace(int imageType);
-
 // Samples per pixel of the frames of an image type as the recorder reads them.
 int VideoChannels(int imageType);
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "recording/video_controller.h"
+#include "recording/video_encoder_params.h"
 #include "test_support.h"
 
 namespace lumetra {
@@ -42,6 +43,29 @@ TEST(VideoNumbers, BitRateFollowsWidthAndRateOnly) {
     // 100 x 4000 x 1 / 30 = 13333.3 -> 13333 -> 13.
     EXPECT_EQ(VideoBitRate(100, 1.0), 13);
     EXPECT_EQ(VideoBitRate(640, 15.0), 1280);
+}
+
+TEST(VideoNumbers, EncoderParametersCarryTheRateAndTheColourSpace) {
+    x264_param_t p{};
+    ASSERT_TRUE(SetVideoEncoderParams(p, 640, 480, 0, 30.0));
+    EXPECT_EQ(p.rc.i_rc_method, X264_RC_ABR);
+    EXPECT_EQ(p.rc.i_bitrate, 2560);
+    EXPECT_EQ(p.rc.i_vbv_max_bitrate, 5120);
+    EXPECT_EQ(p.rc.i_vbv_buffer_size, 2560);
+    EXPECT_EQ(p.i_fps_num, 30u);
+    EXPECT_EQ(p.i_csp, X264_CSP_I400);
+    EXPECT_EQ(p.vui.b_fullrange, 1);
+    EXPECT_EQ(p.b_repeat_headers, 1);
+    EXPECT_EQ(p.i_threads, X264_THREADS_AUTO);
+
+    ASSERT_TRUE(SetVideoEncoderParams(p, 1920, 1200, 1, 59.94));
+    EXPECT_EQ(p.i_csp, X264_CSP_BGR);
+    EXPECT_EQ(p.i_fps_num, 59u);  // truncated
+    EXPECT_EQ(p.rc.i_bitrate, 15344);
+    EXPECT_EQ(p.vui.b_fullrange, -1);  // left to x264
+    // An unknown image type keeps the preset's colour space.
+    ASSERT_TRUE(SetVideoEncoderParams(p, 64, 64, 9, 30.0));
+    EXPECT_EQ(p.i_csp, X264_CSP_I420);
 }
 
 TEST(VideoNumbers, TwelveBitSamplesLoseTheirLowFourBits) {
