@@ -39,7 +39,7 @@ using Frames = std::vector<std::vector<uint8_t>>;
 constexpr int kWidth = 1920;
 constexpr int kHeight = 1080;
 constexpr int kFrames = 300;
-constexpr int kRuns = 5;
+constexpr int kRuns = 7;
 constexpr size_t kQueueAhead = 4;
 constexpr double kRate = 30.0;
 
