@@ -1,5 +1,5 @@
 // Prints how fast each pattern fills frames on one core, for the two built-in boards' formats.
-// Usage: orvix_sim_throughput [seconds per case, default 1]
+// Usage: sim_throughput [seconds per case, default 1]
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
