@@ -47,7 +47,7 @@ uint32_t ValidateWidth(const GeometryInput& in, MessageLog& log) {
         width = width / rule.unit * rule.unit;
     }
     if (width != in.width) {
-        log.log(format("Image width must be divided by %d.Reset the image width as %d\n", rule.unit,
+        log.log(format("Image width must be divided by %u.Reset the image width as %u\n", rule.unit,
                        width));
     }
     return width;
@@ -58,7 +58,7 @@ uint32_t ValidateHeight(uint32_t height, MessageLog& log) {
     h = std::max<uint32_t>(h / 8 * 8, 8);
     if (h != height) {
         log.log(format(
-            "Image height must be divided by %d and less than 65535.Reset the image height as %d\n",
+            "Image height must be divided by %u and less than 65535.Reset the image height as %u\n",
             8, h));
     }
     return h;
@@ -76,7 +76,7 @@ uint32_t RecommendHeight(const GeometryInput& in, MessageLog& log) {
             const uint32_t found = std::min(h, kMaxHeight);
             if (found != in.height) {
                 char buf[64];
-                std::snprintf(buf, sizeof buf, "The recommended high value is %d\n", found);
+                std::snprintf(buf, sizeof buf, "The recommended high value is %u\n", found);
                 log.log(buf);
             }
             return found;
