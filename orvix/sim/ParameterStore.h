@@ -18,7 +18,9 @@ using ParameterValues = std::vector<std::pair<uint32_t, uint32_t>>;
 
 class ParameterStore {
   public:
+    // Borrows the configuration, which must outlive the store: a temporary is refused.
     explicit ParameterStore(const BoardConfig& config);
+    explicit ParameterStore(BoardConfig&&) = delete;
 
     // Also fails for ids in the board's fail_get list.
     Status get(uint32_t id, uint32_t& value) const;
