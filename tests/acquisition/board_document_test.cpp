@@ -41,14 +41,7 @@ struct DocumentFixture : ::testing::Test {
         return b;
     }
     std::unique_ptr<CKELM_PCIE_VexCardDoc> make(BoardLibrary* library) {
-        DocumentServices s;
-        s.library = library;
-        s.settings = &settings;
-        s.log = &log;
-        s.sink = &sink;
-        s.prompt = &prompt;
-        s.allocator = allocator;
-        s.resourceConfigPath = resourcePath;
+        DocumentServices s{library, &settings, &log, &sink, &prompt, allocator, resourcePath};
         return std::make_unique<CKELM_PCIE_VexCardDoc>(s);
     }
 };
@@ -67,16 +60,10 @@ TEST_F(DocumentFixture, FirstBoardThatOpensIsKeptAfterAFailedOne) {
     EXPECT_TRUE(processFlags().boardPresent);
     EXPECT_EQ(processFlags().modelCode, 10);
     // Open 0 fails and is followed by the error read; the search stops at index 1.
-    std::vector<FakeCall> opens;
-    for (const FakeCall& c : lib.calls) {
-        if (c.fn == "Open" || c.fn == "GetLastError") {
-            opens.push_back(c);
-        }
-    }
-    ASSERT_GE(opens.size(), 3u);
-    EXPECT_EQ(opens[0], (FakeCall{"Open", 0}));
-    EXPECT_EQ(opens[1], (FakeCall{"GetLastError", 0, 1}));
-    EXPECT_EQ(opens[2], (FakeCall{"Open", 1}));
+    ASSERT_GE(lib.calls.size(), 4u);
+    EXPECT_EQ(std::vector<FakeCall>(lib.calls.begin(), lib.calls.begin() + 4),
+              (std::vector<FakeCall>{
+                  {"GetBoardCount"}, {"Open", 0}, {"GetLastError", 0, 1}, {"Open", 1}}));
     EXPECT_EQ(std::count(lib.calls.begin(), lib.calls.end(), FakeCall{"Open", 2}), 0);
     // The parameters were read back from the open board.
     EXPECT_EQ(doc->imageFormat().width, 1920u);
@@ -122,7 +109,7 @@ TEST_F(DocumentFixture, RunsWithoutABoardOrWithoutALibrary) {
         EXPECT_TRUE(std::all_of(p, p + n, [](uint8_t b) { return b == 3; }));
     });
     bare->ApplyParameters();  // harmless without a board
-    EXPECT_TRUE(log.lines.empty());
+    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(DocumentFixture, DestructorClosesTheBoard) {
@@ -140,7 +127,7 @@ TEST_F(DocumentFixture, GeometryIsValidatedWithTheBoardsRules) {
     doc->ValidateGeometry();
     EXPECT_EQ(doc->parameters().width(), 1040u);
     EXPECT_EQ(doc->parameters().height(), 1000u);
-    EXPECT_EQ(log.lines,
+    EXPECT_EQ(log.lines(),
               (std::vector<std::string>{
                   "Image width must be divided by 80.Reset the image width as 1040\n",
                   "Image height must be divided by 8 and less than 65535.Reset the image height "
@@ -181,8 +168,8 @@ TEST_F(DocumentFixture, ShortMemoryReducesTheHeightTo128MiB) {
     doc->imageFormat().channels = 1;
     doc->imageFormat().bitsPerPixel = 8;
     ASSERT_TRUE(doc->AllocateFrameMemory());
-    EXPECT_EQ(log.lines, std::vector<std::string>{
-                             "Allocate Virtual Memory Fail.Reset the image height as 8192\n"});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{
+                               "Allocate Virtual Memory Fail.Reset the image height as 8192\n"});
     EXPECT_EQ(doc->imageFormat().height, 8192u);
     EXPECT_EQ(doc->parameters().height(), 8192u);
     EXPECT_EQ(doc->frameImage().raw().height(), 8192);
@@ -194,16 +181,16 @@ TEST_F(DocumentFixture, NoMemoryAtAllIsReportedAndPrompted) {
     LimitedAllocator none(1024);
     allocator = &none;
     auto starved = make(&lib);
-    log.lines.clear();
+    log.clear();
     starved->imageFormat().channels = 1;
     starved->imageFormat().bitsPerPixel = 16;
     starved->imageFormat().width = 640;
     starved->imageFormat().height = 480;
     EXPECT_FALSE(starved->AllocateFrameMemory());
     // 134217728 / (2 x 640) = 104857 rows: more, not fewer, so the retry fails as well.
-    EXPECT_EQ(log.lines, (std::vector<std::string>{
-                             "Allocate Virtual Memory Fail.Reset the image height as 104857\n",
-                             "Image Data Fail!"}));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "Allocate Virtual Memory Fail.Reset the image height as 104857\n",
+                               "Image Data Fail!"}));
     EXPECT_EQ(prompt.texts, std::vector<std::string>{"Image memory application failed, unable to "
                                                      "operate, please reapply for memory."});
 }
@@ -213,9 +200,9 @@ TEST_F(DocumentFixture, UnsupportedPixelLayoutIsRefusedByName) {
     doc->imageFormat().channels = 2;
     doc->imageFormat().bitsPerPixel = 16;
     EXPECT_FALSE(doc->AllocateFrameMemory());
-    EXPECT_EQ(log.lines, std::vector<std::string>{
-                             "Failed to load image : The software does not support this image "
-                             "format!"});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{
+                               "Failed to load image : The software does not support this image "
+                               "format!"});
 }
 
 TEST_F(DocumentFixture, ComUserNumberComesFromThePerBoardKey) {
@@ -237,13 +224,13 @@ TEST_F(DocumentFixture, BackgroundImageThatCannotBeLoadedIsReported) {
     std::ofstream(resourcePath) << "[Config]\nSoftwareBackground=" << (dir / "missing.png").string()
                                 << "\n";
     make(nullptr);
-    EXPECT_EQ(log.lines, std::vector<std::string>{"Load Background Image Fail!"});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Load Background Image Fail!"});
 
     // No background named: nothing to load, nothing to say.
-    log.lines.clear();
+    log.clear();
     std::ofstream(resourcePath) << "[Config]\nSoftwareName=Lumetra\n";
     make(nullptr);
-    EXPECT_TRUE(log.lines.empty());
+    EXPECT_TRUE(log.lines().empty());
     std::filesystem::remove_all(dir);
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "acquisition/board_library.h"
+#include "support/recording_log.h"
 
 namespace lumetra::test {
 
@@ -37,12 +38,11 @@ class FakeBoardLibrary final : public BoardLibrary {
     int openHandle = -1;  // index of the open board
 
     int GetBoardCount(int32_t, int32_t* count) override {
-        calls.push_back({"GetBoardCount"});
         *count = static_cast<int32_t>(boards.size());
-        return 1;
+        return record("GetBoardCount");
     }
     OrvixHandle Open(int32_t, int32_t index) override {
-        calls.push_back({"Open", static_cast<uint32_t>(index)});
+        record("Open", static_cast<uint32_t>(index));
         if (index < 0 || index >= static_cast<int>(boards.size()) || !boards[index].opens) {
             return ORVIX_INVALID_HANDLE;
         }
@@ -50,27 +50,21 @@ class FakeBoardLibrary final : public BoardLibrary {
         return 100 + index;
     }
     int GetBoardName(int32_t, int32_t index, char* name, uint32_t* size) override {
-        calls.push_back({"GetBoardName", static_cast<uint32_t>(index)});
-        const std::string& n = boards.at(index).name;
-        std::strncpy(name, n.c_str(), *size - 1);
+        std::strncpy(name, boards.at(index).name.c_str(), *size - 1);
         name[*size - 1] = '\0';
-        return 1;
+        return record("GetBoardName", static_cast<uint32_t>(index));
     }
-    int Close(OrvixHandle h) override {
-        calls.push_back({"Close", static_cast<uint32_t>(h)});
-        return 1;
-    }
+    int Close(OrvixHandle h) override { return record("Close", static_cast<uint32_t>(h)); }
     int GetLastError(OrvixErrorInfo* e, int32_t clear) override {
-        calls.push_back({"GetLastError", 0, static_cast<uint32_t>(clear)});
         *e = OrvixErrorInfo{};
         e->code = lastError;
         if (clear == 1) {
             lastError = ORVIX_ERR_NONE;
         }
-        return 1;
+        return record("GetLastError", 0, static_cast<uint32_t>(clear));
     }
     int GetInfo(OrvixHandle h, uint32_t id, uint32_t* v) override {
-        calls.push_back({"GetInfo", id});
+        record("GetInfo", id);
         FakeBoard& b = board(h);
         if (b.failGet.count(id) != 0 || b.values.count(id) == 0) {
             return 0;
@@ -79,46 +73,32 @@ class FakeBoardLibrary final : public BoardLibrary {
         return 1;
     }
     int SetInfo(OrvixHandle h, uint32_t id, uint32_t v) override {
-        calls.push_back({"SetInfo", id, v});
+        record("SetInfo", id, v);
         FakeBoard& b = board(h);
-        if (b.failSet.count(id) != 0) {
-            return 0;
-        }
-        if (b.failSetOnce.erase(id) != 0) {
+        if (b.failSet.count(id) != 0 || b.failSetOnce.erase(id) != 0) {
             return 0;
         }
         b.values[id] = v;
         return 1;
     }
     int RegisterCallback(OrvixHandle, uint32_t event, OrvixCallback fn, void* ctx) override {
-        calls.push_back({"RegisterCallback", event});
         callbacks[event] = {fn, ctx};
-        return 1;
+        return record("RegisterCallback", event);
     }
     int UnRegisterCallback(OrvixHandle, uint32_t event) override {
-        calls.push_back({"UnRegisterCallback", event});
         callbacks.erase(event);
-        return 1;
+        return record("UnRegisterCallback", event);
     }
     int StartGrab(OrvixHandle, uint32_t count) override {
-        calls.push_back({"StartGrab", 0, count});
-        if (startGrabError != 0) {
-            lastError = startGrabError;
-            return 0;
-        }
-        return 1;
+        record("StartGrab", 0, count);
+        return startGrabError != 0 ? fail(startGrabError) : 1;
     }
     int StopGrab(OrvixHandle) override {
-        calls.push_back({"StopGrab"});
-        if (stopFailures > 0) {
-            --stopFailures;
-            lastError = ORVIX_ERR_STOP_FAILED;
-            return 0;
-        }
-        return 1;
+        record("StopGrab");
+        return stopFailures > 0 ? (--stopFailures, fail(ORVIX_ERR_STOP_FAILED)) : 1;
     }
     int GetBufferAddress(OrvixHandle, uint32_t index, void** address) override {
-        calls.push_back({"GetBufferAddress", index});
+        record("GetBufferAddress", index);
         if (index >= ring.size()) {
             return 0;
         }
@@ -126,7 +106,7 @@ class FakeBoardLibrary final : public BoardLibrary {
         return 1;
     }
     int GetBufferStatusEx(OrvixHandle, uint32_t index, OrvixBufferStatus* status) override {
-        calls.push_back({"GetBufferStatusEx", index});
+        record("GetBufferStatusEx", index);
         if (index >= statuses.size()) {
             return 0;
         }
@@ -134,13 +114,9 @@ class FakeBoardLibrary final : public BoardLibrary {
         return 1;
     }
     int GetCameraStatus(OrvixHandle, int32_t* s) override {
-        calls.push_back({"GetCameraStatus"});
+        record("GetCameraStatus");
         *s = cameraStatus;
-        if (cameraStatusError != 0) {
-            lastError = cameraStatusError;
-            return 0;
-        }
-        return 1;
+        return cameraStatusError != 0 ? fail(cameraStatusError) : 1;
     }
     int GetFrameRate(OrvixHandle, double* r) override {
         *r = 0;
@@ -195,30 +171,28 @@ class FakeBoardLibrary final : public BoardLibrary {
     int32_t cameraStatusError = 0;
 
     FakeBoard& board(OrvixHandle h) { return boards.at(static_cast<size_t>(h - 100)); }
+    // Logs a call and answers success.
+    int record(const char* fn, uint32_t id = 0, uint32_t value = 0) {
+        calls.push_back({fn, id, value});
+        return 1;
+    }
+    // Sets the error that GetLastError reports and answers failure.
+    int fail(int32_t error) {
+        lastError = error;
+        return 0;
+    }
 
-    // The SetInfo calls in order.
-    std::vector<FakeCall> writes() const {
-        std::vector<FakeCall> out;
-        for (const FakeCall& c : calls) {
-            if (c.fn == "SetInfo") {
-                out.push_back(c);
-            }
+    // The ids (parameter, event or buffer index) of the calls to one function, in order.
+    std::vector<uint32_t> idsOf(const std::string& fn) const {
+        std::vector<uint32_t> out;
+        for (const FakeCall& c : callsNamed(fn)) {
+            out.push_back(c.id);
         }
         return out;
     }
 };
 
 // Collects log lines.
-class RecordingLog final : public MessageLog {
-  public:
-    std::vector<std::string> lines;
-    void log(std::string_view text) override {
-        std::lock_guard lock(mutex);
-        lines.emplace_back(text);
-    }
-    std::mutex mutex;
-};
-
 class RecordingSink final : public MessageSink {
   public:
     struct Message {

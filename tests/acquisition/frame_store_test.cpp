@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -42,9 +43,7 @@ TEST(FrameStore, ConvertCopiesPlainFramesIntoTheRawImage) {
     EXPECT_FALSE(store.ConvertInto(raw)) << "nothing held yet";
     ASSERT_TRUE(store.Resize(raw.size()));
     std::vector<uint16_t> frame(8);
-    for (size_t i = 0; i < frame.size(); ++i) {
-        frame[i] = static_cast<uint16_t>(4000 + i);
-    }
+    std::iota(frame.begin(), frame.end(), uint16_t{4000});
     store.Put(frame.data(), frame.size() * 2, false);
     ASSERT_TRUE(store.ConvertInto(raw));
     EXPECT_EQ(raw.ReadPixel(1, 3)[0], 4007.0);

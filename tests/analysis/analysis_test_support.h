@@ -1,21 +1,25 @@
 // Shared by the analysis tests: a sink that a test can wait on, an allocator that can refuse and
-// counts its blocks, and frames built from matrices.
+// counts its blocks, frames built from matrices, and bad-pixel settings.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <set>
+#include <tuple>
 #include <vector>
 
 #include <opencv2/core.hpp>
 
 #include "acquisition/messages.h"
+#include "analysis/bad_pixels.h"
 #include "analysis/frame_copy.h"
+#include "analysis/histogram.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra::test {
@@ -29,10 +33,8 @@ class WaitingSink final : public MessageSink {
         intptr_t w, l;
     };
     void post(uint32_t m, intptr_t w, intptr_t l) override {
-        {
-            std::lock_guard lock(mutex_);
-            messages_.push_back({m, w, l});
-        }
+        std::lock_guard lock(mutex_);
+        messages_.push_back({m, w, l});
         cv_.notify_all();
     }
     intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
@@ -43,24 +45,21 @@ class WaitingSink final : public MessageSink {
         std::unique_lock lock(mutex_);
         return cv_.wait_for(lock, std::chrono::seconds(60), [&] { return done(messages_); });
     }
-    // Waits for a message with that number and lParam (or any lParam when l < 0).
+    // Waits for a message with that number, lParam and wParam (either any when below 0).
     bool WaitForMessage(uint32_t m, intptr_t l = -1, intptr_t w = -1) {
         return WaitFor([&](const std::vector<Message>& all) { return Count(all, m, l, w) > 0; });
     }
     std::size_t count(uint32_t m, intptr_t l = -1, intptr_t w = -1) const {
-        std::lock_guard lock(mutex_);
-        return Count(messages_, m, l, w);
+        return Count(messages(), m, l, w);
     }
     std::vector<Message> messages() const {
         std::lock_guard lock(mutex_);
         return messages_;
     }
     static std::size_t Count(const std::vector<Message>& all, uint32_t m, intptr_t l, intptr_t w) {
-        std::size_t n = 0;
-        for (const Message& x : all) {
-            n += x.message == m && (l < 0 || x.l == l) && (w < 0 || x.w == w);
-        }
-        return n;
+        return std::count_if(all.begin(), all.end(), [&](const Message& x) {
+            return x.message == m && (l < 0 || x.l == l) && (w < 0 || x.w == w);
+        });
     }
 
   private:
@@ -76,11 +75,10 @@ class CountingAllocator final : public BlockAllocator {
     void* allocate(std::size_t size) override {
         std::lock_guard lock(mutex_);
         ++requests_;
-        if (refuse_) {
-            return nullptr;
+        void* p = refuse_ ? nullptr : std::malloc(size);
+        if (p != nullptr) {
+            live_.insert(p);
         }
-        void* p = std::malloc(size);
-        live_.insert(p);
         return p;
     }
     void free(void* block) override {
@@ -129,6 +127,23 @@ inline cv::Mat RandomMat(int rows, int cols, int type, unsigned seed, int high =
     const int depthHigh = CV_MAT_DEPTH(type) == CV_8U ? 256 : 65536;
     rng.fill(m, cv::RNG::UNIFORM, 0, high < 0 ? depthHigh : high);
     return m;
+}
+
+// Count, minimum and maximum of a row or column, to compare in one go.
+inline std::tuple<uint64_t, uint32_t, uint32_t> CountMinMax(const LineStatistics& s) {
+    return {s.count, s.minimum, s.maximum};
+}
+
+inline BadPixelSettings Settings(int mode, int64_t low, int64_t high, int h = 0, int v = 0,
+                                 int frames = 1) {
+    BadPixelSettings s;
+    s.mode = mode;
+    s.low = low;
+    s.high = high;
+    s.horizontalCount = h;
+    s.verticalCount = v;
+    s.frames = frames;
+    return s;
 }
 
 }  // namespace lumetra::test

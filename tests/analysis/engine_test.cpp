@@ -14,6 +14,8 @@
 namespace lumetra::test {
 namespace {
 
+using analysis_msg::kBadPixelDone;
+using analysis_msg::kBadPixelProgress;
 using analysis_msg::kHistogramReady;
 using analysis_msg::kStatisticsReady;
 
@@ -55,17 +57,31 @@ cv::Mat Uniform(int value, int rows = 16, int cols = 24) {
     return cv::Mat(rows, cols, CV_8UC1, cv::Scalar(value));
 }
 
-TEST(HistogramWorkers, EachFrameIsPublishedAndPostedOnce) {
+// The suites below share this set-up; their names select the "thread" label in CMake.
+struct Workers : ::testing::Test {
     WaitingSink sink;
     RecordingPrompt prompt;
     FrameImage frame;
+
+    // Waits for frame n's histogram and its row and column statistics.
+    void WaitForFrame(intptr_t n) {
+        ASSERT_TRUE(sink.WaitForMessage(kHistogramReady, n));
+        ASSERT_TRUE(sink.WaitForMessage(kStatisticsReady, n, kRowStatistics));
+        ASSERT_TRUE(sink.WaitForMessage(kStatisticsReady, n, kColumnStatistics));
+    }
+};
+using HistogramWorkers = Workers;
+using RoiWorkers = Workers;
+using AdvancedWorkers = Workers;
+using BadPixelWorker = Workers;
+using RoiBadPixelWorker = Workers;
+
+TEST_F(HistogramWorkers, EachFrameIsPublishedAndPostedOnce) {
     HistogramAnalytics engine(AnalyticsKind::kBasic, sink, prompt);
     for (int i = 1; i <= 3; ++i) {
         LoadFrame(frame, Uniform(i * 10), 8);
         ASSERT_TRUE(engine.NewFrame(frame));
-        ASSERT_TRUE(sink.WaitForMessage(kHistogramReady, i));
-        ASSERT_TRUE(sink.WaitForMessage(kStatisticsReady, i, kRowStatistics));
-        ASSERT_TRUE(sink.WaitForMessage(kStatisticsReady, i, kColumnStatistics));
+        WaitForFrame(i);
         const HistogramResult r = engine.histograms();
         EXPECT_EQ(r.sequence, static_cast<uint64_t>(i));
         EXPECT_EQ(r.sets[kAllColumns].at(kGray, i * 10), 16u * 24u);
@@ -73,18 +89,29 @@ TEST(HistogramWorkers, EachFrameIsPublishedAndPostedOnce) {
         EXPECT_EQ(r.means[kRed], static_cast<uint64_t>(i * 10));
         EXPECT_EQ(r.frame.width, 24);
     }
+    // Then 12 bits in 16-bit samples: every bin is counted, the chart shows 4096.
+    cv::Mat deep(6, 5, CV_16UC1, cv::Scalar(4000));
+    deep.at<uint16_t>(2, 2) = 65535;
+    LoadFrame(frame, deep, 12);
+    ASSERT_TRUE(engine.NewFrame(frame));
+    WaitForFrame(4);
+    const HistogramResult r = engine.histograms();
+    EXPECT_EQ(
+        std::tuple(r.sets[kAllColumns].bins(), r.frame.shift, r.frame.limit, r.frame.shownBins()),
+        std::tuple(65536, 4, 4095, 4096));
+    EXPECT_EQ(r.sets[kAllColumns].at(kGray, 4000), 29u);
+    EXPECT_EQ(r.sets[kAllColumns].at(kGray, 65535), 1u);
+    EXPECT_EQ(r.means[kRed], (29u * 4000 + 65535) / 30);
+
     engine.Close();
-    EXPECT_EQ(sink.count(kHistogramReady), 3u);
-    for (int i = 1; i <= 3; ++i) {
+    EXPECT_EQ(sink.count(kHistogramReady), 4u);
+    for (int i = 1; i <= 4; ++i) {
         EXPECT_EQ(sink.count(kHistogramReady, i), 1u) << i;
     }
     EXPECT_TRUE(prompt.texts.empty());
 }
 
-TEST(HistogramWorkers, RowColumnAndChannelSelection) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(HistogramWorkers, RowColumnAndChannelSelection) {
     cv::Mat m(10, 8, CV_8UC3, cv::Scalar(0, 0, 0));
     m.row(6).setTo(cv::Scalar(1, 2, 3));
     m.col(5).setTo(cv::Scalar(4, 5, 6));
@@ -101,13 +128,9 @@ TEST(HistogramWorkers, RowColumnAndChannelSelection) {
         const LineResult c = engine.columnStatistics();
         return r.index == 6 && r.channel == 2 && c.index == 5 && c.channel == 2;
     }));
-    const LineResult row = engine.rowStatistics();
-    EXPECT_EQ(row.statistics.count, 8u);
-    EXPECT_EQ(row.statistics.minimum, 3u);
-    EXPECT_EQ(row.statistics.maximum, 6u);  // column 5 crosses row 6
-    const LineResult column = engine.columnStatistics();
-    EXPECT_EQ(column.statistics.count, 10u);
-    EXPECT_EQ(column.statistics.minimum, 6u);
+    // Column 5 crosses row 6.
+    EXPECT_EQ(CountMinMax(engine.rowStatistics().statistics), std::tuple(8u, 3u, 6u));
+    EXPECT_EQ(CountMinMax(engine.columnStatistics().statistics), std::tuple(10u, 6u, 6u));
 
     // A mono frame puts the selector back on its first entry.
     LoadFrame(frame, Uniform(3, 4, 4), 8);
@@ -116,10 +139,7 @@ TEST(HistogramWorkers, RowColumnAndChannelSelection) {
     EXPECT_EQ(engine.SetRow(4), 3);  // the new height
 }
 
-TEST(HistogramWorkers, CloseStopsAWorkerMidFrame) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(HistogramWorkers, CloseStopsAWorkerMidFrame) {
     LoadFrame(frame, Uniform(5, 64, 32), 8);
     HistogramAnalytics engine(AnalyticsKind::kBasic, sink, prompt);
     std::atomic<int> rowsAfterStop{0};
@@ -144,11 +164,8 @@ TEST(HistogramWorkers, CloseStopsAWorkerMidFrame) {
     EXPECT_LE(rowsAfterStop.load(), 3);
 }
 
-TEST(HistogramWorkers, FailedCopyComputesNothingForThatFrame) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
+TEST_F(HistogramWorkers, FailedCopyComputesNothingForThatFrame) {
     CountingAllocator allocator;
-    FrameImage frame;
     LoadFrame(frame, Uniform(9), 8);
     {
         HistogramAnalytics engine(AnalyticsKind::kBasic, sink, prompt, allocator);
@@ -157,9 +174,7 @@ TEST(HistogramWorkers, FailedCopyComputesNothingForThatFrame) {
         EXPECT_EQ(prompt.texts, (std::vector<std::string>{"Allocate Virtual Memory Fail."}));
         allocator.refuse(false);
         ASSERT_TRUE(engine.NewFrame(frame));
-        ASSERT_TRUE(sink.WaitForMessage(kHistogramReady, 2));
-        ASSERT_TRUE(sink.WaitForMessage(kStatisticsReady, 2, kRowStatistics));
-        ASSERT_TRUE(sink.WaitForMessage(kStatisticsReady, 2, kColumnStatistics));
+        WaitForFrame(2);
         engine.Close();
         for (const WaitingSink::Message& m : sink.messages()) {
             EXPECT_EQ(m.l, 2) << "a result for the frame that was not copied";
@@ -168,30 +183,7 @@ TEST(HistogramWorkers, FailedCopyComputesNothingForThatFrame) {
     EXPECT_EQ(allocator.live(), 0u);
 }
 
-TEST(HistogramWorkers, SixteenBitFramesUseAllBins) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
-    cv::Mat m(6, 5, CV_16UC1, cv::Scalar(4000));
-    m.at<uint16_t>(2, 2) = 65535;
-    LoadFrame(frame, m, 12);
-    HistogramAnalytics engine(AnalyticsKind::kBasic, sink, prompt);
-    ASSERT_TRUE(engine.NewFrame(frame));
-    ASSERT_TRUE(sink.WaitForMessage(kHistogramReady, 1));
-    const HistogramResult r = engine.histograms();
-    EXPECT_EQ(r.sets[kAllColumns].bins(), 65536);
-    EXPECT_EQ(r.sets[kAllColumns].at(kGray, 4000), 29u);
-    EXPECT_EQ(r.sets[kAllColumns].at(kGray, 65535), 1u);
-    EXPECT_EQ(r.frame.shift, 4);
-    EXPECT_EQ(r.frame.limit, 4095);
-    EXPECT_EQ(r.frame.shownBins(), 4096);
-    EXPECT_EQ(r.means[kRed], (29u * 4000 + 65535) / 30);
-}
-
-TEST(RoiWorkers, ParitySetsRatioAndRowEdits) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(RoiWorkers, ParitySetsRatioAndRowEdits) {
     cv::Mat m(6, 8, CV_8UC1);
     for (int y = 0; y < 6; ++y) {
         for (int x = 0; x < 8; ++x) {
@@ -211,26 +203,22 @@ TEST(RoiWorkers, ParitySetsRatioAndRowEdits) {
                engine.rowStatistics().index == 2 && engine.columnStatistics().index == 1;
     }));
     const HistogramResult r = engine.histograms();
-    EXPECT_EQ(r.sets[kAllColumns].Total(kGray), 12u);
-    EXPECT_EQ(r.sets[kOddColumns].Total(kGray), 6u);    // columns 1 and 3
-    EXPECT_EQ(r.sets[kEvenColumns].Total(kGray), 6u);   // columns 2 and 4
+    // Columns 1 and 3 are odd, 2 and 4 even.
+    EXPECT_EQ(std::tuple(r.sets[kAllColumns].Total(kGray), r.sets[kOddColumns].Total(kGray),
+                         r.sets[kEvenColumns].Total(kGray)),
+              std::tuple(12u, 6u, 6u));
     EXPECT_EQ(r.sets[kOddColumns].at(kGray, 131), 1u);  // x 3, y 1
     EXPECT_EQ(r.sets[kEvenColumns].at(kGray, 131), 0u);
     EXPECT_EQ(r.sets[kAllColumns].at(kGray, 100), 0u);  // column 0 is outside
     EXPECT_EQ(r.means[kRed], (uint64_t{25} * 12 + 12 * 100 + 24) / 12);
 
     const LineResult row = engine.rowStatistics();
-    EXPECT_EQ(row.statistics.count, 4u);  // columns 1..4 of row 2
-    EXPECT_EQ(row.statistics.minimum, 112u);
-    EXPECT_EQ(row.statistics.maximum, 142u);
+    EXPECT_EQ(CountMinMax(row.statistics), std::tuple(4u, 112u, 142u));  // columns 1..4 of row 2
     EXPECT_EQ(row.ratio.verdict, Verdict::kPass);
     EXPECT_DOUBLE_EQ(row.ratio.ratio, 142.0 / 112.0);
 }
 
-TEST(AdvancedWorkers, FiguresRunOnlyBetweenStartAndStop) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(AdvancedWorkers, FiguresRunOnlyBetweenStartAndStop) {
     cv::Mat m = (cv::Mat_<uint8_t>(2, 3) << 1, 5, 9,  //
                  3, 5, 7);
     LoadFrame(frame, m, 8);
@@ -248,17 +236,11 @@ TEST(AdvancedWorkers, FiguresRunOnlyBetweenStartAndStop) {
     const ColumnFigures columns = engine.columnFigures();
     ASSERT_EQ(columns.average.size(), 3u);
     EXPECT_DOUBLE_EQ(columns.average[0], 2.0);
-    EXPECT_DOUBLE_EQ(columns.rms[0], 1.0);
-    EXPECT_DOUBLE_EQ(columns.rms[1], 0.0);
-    EXPECT_DOUBLE_EQ(columns.rms[2], 1.0);
+    EXPECT_EQ(columns.rms, (std::vector<double>{1.0, 0.0, 1.0}));
     const FrameFigures figures = engine.frameFigures();
-    EXPECT_EQ(figures.statistics.count, 6u);
-    EXPECT_EQ(figures.statistics.minimum, 1u);
-    EXPECT_EQ(figures.statistics.maximum, 9u);
-    EXPECT_EQ(figures.less, 2u);
-    EXPECT_EQ(figures.equal, 2u);
-    EXPECT_EQ(figures.greater, 2u);
-    EXPECT_EQ(figures.shown(), 2u);
+    EXPECT_EQ(CountMinMax(figures.statistics), std::tuple(6u, 1u, 9u));
+    EXPECT_EQ(std::tuple(figures.less, figures.equal, figures.greater, figures.shown()),
+              std::tuple(2u, 2u, 2u, 2u));
 
     engine.StopStatistics();
     ASSERT_TRUE(engine.NewFrame(frame));
@@ -269,28 +251,18 @@ TEST(AdvancedWorkers, FiguresRunOnlyBetweenStartAndStop) {
 }
 
 BadPixelSettings OutsideRange(int frames = 1) {
-    BadPixelSettings s;
-    s.mode = kOutOfRange;
-    s.low = 10;
-    s.high = 240;
-    s.horizontalCount = 2;
-    s.verticalCount = 2;
-    s.frames = frames;
-    return s;
+    return Settings(kOutOfRange, 10, 240, 2, 2, frames);
 }
 
-TEST(BadPixelWorker, OneFrameGivesTheMapWalksLists) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(BadPixelWorker, OneFrameGivesTheMapWalksLists) {
     const cv::Mat m = RandomMat(40, 50, CV_8UC1, 11);
     LoadFrame(frame, m, 8);
     BadPixelDetector detector(sink, prompt);
     ASSERT_TRUE(detector.Calc(OutsideRange(), frame));
-    ASSERT_TRUE(sink.WaitForMessage(analysis_msg::kBadPixelDone));
+    ASSERT_TRUE(sink.WaitForMessage(kBadPixelDone));
     detector.Stop();
-    EXPECT_EQ(sink.count(analysis_msg::kBadPixelDone), 1u);
-    EXPECT_EQ(sink.count(analysis_msg::kBadPixelProgress), 0u);
+    EXPECT_EQ(sink.count(kBadPixelDone), 1u);
+    EXPECT_EQ(sink.count(kBadPixelProgress), 0u);
     const BadPixelLists got = detector.results();
     const BadPixelLists want =
         MapReference(*MakeFrameCopy(m, 8), OutsideRange(), {0, 0, 50, 40}, 2000);
@@ -300,10 +272,7 @@ TEST(BadPixelWorker, OneFrameGivesTheMapWalksLists) {
     EXPECT_TRUE(prompt.texts.empty());
 }
 
-TEST(BadPixelWorker, RefusedSettingsStartNothing) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(BadPixelWorker, RefusedSettingsStartNothing) {
     LoadFrame(frame, Uniform(0, 4, 6), 8);
     BadPixelDetector detector(sink, prompt);
     BadPixelSettings s = OutsideRange();
@@ -320,10 +289,7 @@ TEST(BadPixelWorker, RefusedSettingsStartNothing) {
     EXPECT_EQ(sink.messages().size(), 0u);
 }
 
-TEST(BadPixelWorker, SeveralFramesAreTakenInTurnAndMerged) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(BadPixelWorker, SeveralFramesAreTakenInTurnAndMerged) {
     LoadFrame(frame, Uniform(100, 4, 6), 8);
     BadPixelDetector detector(sink, prompt);
     ASSERT_TRUE(detector.Calc(OutsideRange(3), frame));
@@ -334,9 +300,9 @@ TEST(BadPixelWorker, SeveralFramesAreTakenInTurnAndMerged) {
         m.at<uint8_t>(3, 5) = 5;    // ...and one that is always there
         LoadFrame(frame, m, 8);
         ASSERT_TRUE(detector.NewFrame(frame));
-        ASSERT_TRUE(sink.WaitForMessage(analysis_msg::kBadPixelProgress, -1, 2 - i));
+        ASSERT_TRUE(sink.WaitForMessage(kBadPixelProgress, -1, 2 - i));
     }
-    ASSERT_TRUE(sink.WaitForMessage(analysis_msg::kBadPixelDone));
+    ASSERT_TRUE(sink.WaitForMessage(kBadPixelDone));
     detector.Stop();
     EXPECT_FALSE(detector.NewFrame(frame));  // nothing waits for frames any more
     const BadPixelLists l = detector.results();
@@ -348,19 +314,14 @@ TEST(BadPixelWorker, SeveralFramesAreTakenInTurnAndMerged) {
     EXPECT_EQ(l.horizontal[0].count, 3u);
 }
 
-TEST(BadPixelWorker, StopMidFrameKeepsThePreviousLists) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(BadPixelWorker, StopMidFrameKeepsThePreviousLists) {
     LoadFrame(frame, Uniform(250, 32, 8), 8);
     BadPixelDetector detector(sink, prompt);
     ASSERT_TRUE(detector.Calc(OutsideRange(), frame));
-    ASSERT_TRUE(sink.WaitForMessage(analysis_msg::kBadPixelDone));
-    const std::size_t before = detector.results().single.size();
-    EXPECT_EQ(before, 256u);
+    ASSERT_TRUE(sink.WaitForMessage(kBadPixelDone));
+    EXPECT_EQ(detector.results().single.size(), 256u);
 
-    AutoResetEvent atRow10;
-    AutoResetEvent release;
+    AutoResetEvent atRow10, release;
     detector.setRowObserver([&](int row) {
         if (row == 10) {
             atRow10.set();
@@ -377,14 +338,11 @@ TEST(BadPixelWorker, StopMidFrameKeepsThePreviousLists) {
     }
     release.set();
     stopper.join();
-    EXPECT_EQ(sink.count(analysis_msg::kBadPixelDone), 1u);
-    EXPECT_EQ(detector.results().single.size(), before);
+    EXPECT_EQ(sink.count(kBadPixelDone), 1u);
+    EXPECT_EQ(detector.results().single.size(), 256u);
 }
 
-TEST(RoiBadPixelWorker, StartChecksTheRectangleAndPostsTheResult) {
-    WaitingSink sink;
-    RecordingPrompt prompt;
-    FrameImage frame;
+TEST_F(RoiBadPixelWorker, StartChecksTheRectangleAndPostsTheResult) {
     cv::Mat m = Uniform(50, 6, 7);
     m.at<uint8_t>(1, 4) = 200;
     m.at<uint8_t>(1, 6) = 200;  // the last column: quadrant B ends before it

@@ -20,19 +20,17 @@ TEST(BitDepthTables, ShiftAndProfileScaleFollowTheBitsPerPixel) {
     EXPECT_EQ(HistogramShift(48, 1), 8);
     EXPECT_EQ(HistogramShift(48, 3), 8);
     EXPECT_EQ(HistogramShift(48, 4), 4);
-
-    EXPECT_EQ(ProfileScale(24, 3).limit, 255);
-    EXPECT_EQ(ProfileScale(10, 1).limit, 1023);
-    EXPECT_EQ(ProfileScale(36, 3).limit, 4095);
-    EXPECT_EQ(ProfileScale(56, 4).limit, 16383);
-    EXPECT_EQ(ProfileScale(64, 4).limit, 65535);
-    // The 48-bit rows are crossed and the fallback limit is 256.
-    EXPECT_EQ(ProfileScale(48, 3).limit, 65535);
-    EXPECT_EQ(ProfileScale(48, 3).shift, 4);
-    EXPECT_EQ(ProfileScale(48, 4).limit, 4095);
-    EXPECT_EQ(ProfileScale(48, 4).shift, 6);
-    EXPECT_EQ(ProfileScale(7, 1).limit, 256);
-    EXPECT_EQ(ProfileScale(7, 1).shift, 0);
+    // The 48-bit rows are crossed and the fallback limit is 256. A shift of -1 is not checked.
+    const struct {
+        int bits, channels, limit, shift;
+    } scales[] = {{24, 3, 255, -1},   {10, 1, 1023, -1}, {36, 3, 4095, -1}, {56, 4, 16383, -1},
+                  {64, 4, 65535, -1}, {48, 3, 65535, 4}, {48, 4, 4095, 6},  {7, 1, 256, 0}};
+    for (const auto& s : scales) {
+        EXPECT_EQ(ProfileScale(s.bits, s.channels).limit, s.limit) << s.bits << "/" << s.channels;
+        if (s.shift >= 0) {
+            EXPECT_EQ(ProfileScale(s.bits, s.channels).shift, s.shift) << s.bits;
+        }
+    }
 }
 
 // Counts the way the dialog describes it, pixel by pixel.
@@ -56,30 +54,27 @@ void ReferenceCount(const FrameCopy& f, PixelArea a, bool parity, HistogramSet* 
     }
 }
 
-void ExpectSameCounts(const HistogramSet& a, const HistogramSet& b, const std::string& what) {
+void ExpectSameCounts(const HistogramSet& a, const HistogramSet& b) {
     for (int c = 0; c < kHistogramChannels; ++c) {
         for (int bin = 0; bin < kHistogramBins; ++bin) {
-            ASSERT_EQ(a.at(c, bin), b.at(c, bin)) << what << " channel " << c << " bin " << bin;
+            ASSERT_EQ(a.at(c, bin), b.at(c, bin)) << "channel " << c << " bin " << bin;
         }
     }
 }
 
-struct CountCase {
-    int type;
-    int bits;
-};
-
+// Mono layouts must leave the colour channels empty: the reference counts them into Gray only.
 TEST(CountHistograms, MatchesAPixelByPixelCountForEveryLayout) {
-    // Odd sizes leave tails after the unrolled loops.
-    const CountCase cases[] = {{CV_8UC1, 8},   {CV_8UC3, 24},  {CV_8UC4, 32},
-                               {CV_16UC1, 12}, {CV_16UC3, 48}, {CV_16UC4, 64}};
+    const std::pair<int, int> cases[] = {{CV_8UC1, 8},   {CV_8UC3, 24},  {CV_8UC4, 32},
+                                         {CV_16UC1, 12}, {CV_16UC3, 48}, {CV_16UC4, 64}};
     HistogramScratch scratch;
-    for (const CountCase& c : cases) {
-        auto frame = MakeFrameCopy(RandomMat(13, 37, c.type, 7u + c.type), c.bits);
+    for (auto [type, bits] : cases) {
+        // Odd sizes leave tails after the unrolled loops.
+        auto frame = MakeFrameCopy(RandomMat(13, 37, type, 7u + type), bits);
         ASSERT_TRUE(frame);
-        const PixelArea areas[] = {{0, 0, 37, 13}, {3, 2, 30, 11}, {4, 1, 5, 13}};
-        for (const PixelArea& area : areas) {
+        for (const PixelArea& area : {PixelArea{0, 0, 37, 13}, {3, 2, 30, 11}, {4, 1, 5, 13}}) {
             for (bool parity : {false, true}) {
+                SCOPED_TRACE(testing::Message()
+                             << "type " << type << " area " << area.left << " parity " << parity);
                 HistogramSet got[2], want[2];
                 for (int s = 0; s < 2; ++s) {
                     got[s].Clear(BinsFor(*frame));
@@ -87,44 +82,15 @@ TEST(CountHistograms, MatchesAPixelByPixelCountForEveryLayout) {
                 }
                 ASSERT_TRUE(CountHistograms(*frame, area, parity, got, scratch));
                 ReferenceCount(*frame, area, parity, want);
-                const std::string what = "type " + std::to_string(c.type) + " area " +
-                                         std::to_string(area.left) + " parity " +
-                                         std::to_string(parity);
-                ExpectSameCounts(got[0], want[0], what);
-                if (parity) {
-                    ExpectSameCounts(got[1], want[1], what + " odd");
-                }
+                ExpectSameCounts(got[0], want[0]);
+                ExpectSameCounts(got[1], want[1]);
             }
         }
     }
-}
-
-TEST(CountHistograms, PureGreyColourPutsGrayIntoTheChannelsBins) {
-    cv::Mat m(4, 9, CV_8UC3);
-    for (int x = 0; x < 9; ++x) {
-        m.col(x).setTo(cv::Scalar::all(x * 31));
+    // A pure grey pixel puts Gray into its channels' bin: the weights sum to one.
+    for (uint32_t v = 0; v < 65536; ++v) {
+        ASSERT_EQ(GrayValue(v, v, v), v);
     }
-    auto frame = MakeFrameCopy(m, 24);
-    HistogramScratch scratch;
-    HistogramSet set;
-    set.Clear(256);
-    ASSERT_TRUE(CountHistograms(*frame, {0, 0, 9, 4}, false, &set, scratch));
-    for (int bin = 0; bin < 256; ++bin) {
-        EXPECT_EQ(set.at(kGray, bin), set.at(kRed, bin)) << bin;
-        EXPECT_EQ(set.at(kGray, bin), set.at(kBlue, bin)) << bin;
-    }
-    EXPECT_EQ(set.at(kGray, 248), 4u);
-}
-
-TEST(CountHistograms, MonoCountsIntoGrayOnly) {
-    cv::Mat m(2, 3, CV_8UC1, cv::Scalar(9));
-    auto frame = MakeFrameCopy(m, 8);
-    HistogramScratch scratch;
-    HistogramSet set;
-    set.Clear(256);
-    ASSERT_TRUE(CountHistograms(*frame, {0, 0, 3, 2}, false, &set, scratch));
-    EXPECT_EQ(set.at(kGray, 9), 6u);
-    EXPECT_EQ(set.Total(kRed) + set.Total(kGreen) + set.Total(kBlue) + set.Total(kClear), 0u);
 }
 
 TEST(CountHistograms, AnAbandonedCountLeavesNothingForTheNextFrame) {
@@ -134,39 +100,34 @@ TEST(CountHistograms, AnAbandonedCountLeavesNothingForTheNextFrame) {
     int rows = 0;
     RowObserver stopAtRow5 = [&](int y) {
         ++rows;
-        if (y == 5) {
-            running = false;
-        }
+        running = y != 5;
     };
-    HistogramSet abandoned;
+    HistogramSet abandoned, got, want;
     abandoned.Clear(256);
     EXPECT_FALSE(
         CountHistograms(*frame, {0, 0, 16, 20}, false, &abandoned, scratch, &running, &stopAtRow5));
     EXPECT_EQ(rows, 6);  // rows 0..5 begun, row 6 never
 
-    HistogramSet got, want;
     got.Clear(256);
     want.Clear(256);
     ASSERT_TRUE(CountHistograms(*frame, {0, 0, 16, 20}, false, &got, scratch));
     ReferenceCount(*frame, {0, 0, 16, 20}, false, &want);
-    ExpectSameCounts(got, want, "after an abandoned count");
+    ExpectSameCounts(got, want);
 }
 
 TEST(HistogramSet, ClearingToFewerBinsDropsTheCountsAboveThem) {
-    HistogramSet set;
+    HistogramSet set, wide, copy;
     set.Clear(kHistogramBins);
     set.channel(kGray)[1000] = 5;
     set.Clear(256);
     EXPECT_EQ(set.at(kGray, 1000), 0u);
     EXPECT_EQ(set.bins(), 256);
 
-    HistogramSet wide;
     wide.Clear(kHistogramBins);
     wide.channel(kRed)[40000] = 2;
     set.Add(wide);
     EXPECT_EQ(set.bins(), kHistogramBins);
     EXPECT_EQ(set.at(kRed, 40000), 2u);
-    HistogramSet copy;
     copy.CopyFrom(set);
     EXPECT_EQ(copy.at(kRed, 40000), 2u);
     EXPECT_EQ(copy.Sum(kRed), 80000u);
@@ -182,11 +143,7 @@ TEST(ChannelMeans, IntegerDivisionWithMonoInTheFirstSlot) {
     set.channel(kGreen)[4] = 3;
     set.channel(kBlue)[255] = 3;
     set.channel(kClear)[7] = 3;
-    const auto colour = ChannelMeans(set, 3, 3);
-    EXPECT_EQ(colour[kRed], 10u);
-    EXPECT_EQ(colour[kGreen], 4u);
-    EXPECT_EQ(colour[kBlue], 255u);
-    EXPECT_EQ(colour[kClear], 0u);  // three channels have no clear mean
+    EXPECT_EQ(ChannelMeans(set, 3, 3), (std::array<uint64_t, 4>{10, 4, 255, 0}));  // no clear
     EXPECT_EQ(ChannelMeans(set, 4, 3)[kClear], 7u);
     EXPECT_EQ(ChannelMeans(set, 4, 0)[kRed], 0u);
 }
@@ -196,12 +153,10 @@ TEST(LineStatistics, RowAndColumnOfAKnownFrame) {
                  10, 20, 30, 40,                         //
                  0, 7, 7, 7);
     auto frame = MakeFrameCopy(m, 8);
-    LineStatistics row;
+    LineStatistics row, column, part;
     ASSERT_TRUE(RowStatistics(*frame, 0, 0, 0, 4, row));
-    EXPECT_EQ(row.minimum, 1u);
-    EXPECT_EQ(row.maximum, 5u);
+    EXPECT_EQ(CountMinMax(row), std::tuple(4u, 1u, 5u));
     EXPECT_EQ(row.range, 4);
-    EXPECT_EQ(row.count, 4u);
     EXPECT_DOUBLE_EQ(row.average, 2.75);
     EXPECT_NEAR(row.deviation, std::sqrt(39.0 / 4 - 2.75 * 2.75), 1e-12);
     const StatisticsTexts t = FormatStatistics(row);
@@ -211,19 +166,14 @@ TEST(LineStatistics, RowAndColumnOfAKnownFrame) {
     EXPECT_EQ(t.average, "2");  // "%d" of the average
     EXPECT_EQ(t.deviation, "1.48");
 
-    LineStatistics column;
     ASSERT_TRUE(ColumnStatistics(*frame, 3, 0, 1, 3, column));  // rows 1 and 2 only
-    EXPECT_EQ(column.minimum, 7u);
-    EXPECT_EQ(column.maximum, 40u);
+    EXPECT_EQ(CountMinMax(column), std::tuple(2u, 7u, 40u));
     EXPECT_EQ(column.sum, 47u);
-
-    LineStatistics part;
     ASSERT_TRUE(RowStatistics(*frame, 1, 0, 1, 3, part));  // columns 1 and 2
-    EXPECT_EQ(part.sum, 50u);
-    EXPECT_EQ(part.count, 2u);
+    EXPECT_EQ(std::tuple(part.count, part.sum), std::tuple(2u, 50u));
 }
 
-TEST(LineStatistics, NothingCountedAndAStoppedWalk) {
+TEST(LineStatistics, NothingCountedStoppedAndSixteenBit) {
     auto frame = MakeFrameCopy(cv::Mat(2, 2, CV_8UC1, cv::Scalar(4)), 8);
     LineStatistics s;
     ASSERT_TRUE(RowStatistics(*frame, 5, 0, 0, 2, s));  // no such row
@@ -233,28 +183,22 @@ TEST(LineStatistics, NothingCountedAndAStoppedWalk) {
     std::atomic<bool> stopped{false};
     EXPECT_FALSE(RowStatistics(*frame, 0, 0, 0, 2, s, &stopped));
     EXPECT_FALSE(ColumnStatistics(*frame, 0, 0, 0, 2, s, &stopped));
-}
 
-TEST(LineStatistics, SixteenBitSamplesKeepTheirValue) {
     cv::Mat m(1, 2, CV_16UC3);
     m.at<cv::Vec<uint16_t, 3>>(0, 0) = {1, 65535, 3};
     m.at<cv::Vec<uint16_t, 3>>(0, 1) = {1, 65534, 3};
-    auto frame = MakeFrameCopy(m, 48);
-    LineStatistics s;
-    ASSERT_TRUE(RowStatistics(*frame, 0, 1, 0, 2, s));
-    EXPECT_EQ(s.minimum, 65534u);
-    EXPECT_EQ(s.maximum, 65535u);
-    EXPECT_EQ(s.sumSquares, 65535ull * 65535 + 65534ull * 65534);
+    LineStatistics deep;
+    ASSERT_TRUE(RowStatistics(*MakeFrameCopy(m, 48), 0, 1, 0, 2, deep));
+    EXPECT_EQ(CountMinMax(deep), std::tuple(2u, 65534u, 65535u));
+    EXPECT_EQ(deep.sumSquares, 65535ull * 65535 + 65534ull * 65534);
 }
 
 TEST(Clamps, RowAndColumnAgainstTheFrame) {
-    EXPECT_EQ(ClampToFrame(480, 480).value, 479);
-    EXPECT_TRUE(ClampToFrame(480, 480).changed);
-    EXPECT_EQ(ClampToFrame(-1, 480).value, 0);
-    EXPECT_TRUE(ClampToFrame(-1, 480).changed);
-    EXPECT_EQ(ClampToFrame(479, 480).value, 479);
-    EXPECT_FALSE(ClampToFrame(479, 480).changed);
-    EXPECT_FALSE(ClampToFrame(0, 480).changed);
+    const int cases[][3] = {{480, 479, 1}, {-1, 0, 1}, {479, 479, 0}, {0, 0, 0}};
+    for (const auto& [in, out, changed] : cases) {
+        EXPECT_EQ(ClampToFrame(in, 480).value, out) << in;
+        EXPECT_EQ(ClampToFrame(in, 480).changed, changed != 0) << in;
+    }
     EXPECT_EQ(kOutOfRangeText, "Set value is out of range");
 }
 

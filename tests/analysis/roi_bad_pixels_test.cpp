@@ -7,43 +7,36 @@
 namespace lumetra::test {
 namespace {
 
-RoiBadPixelSettings AreaChoice(int area) {
+RoiBadPixelSettings Rect(int area, int x = 0, int y = 0, int width = 1000, int height = 1000) {
     RoiBadPixelSettings s;
     s.area = area;
+    s.xStart = x;
+    s.yStart = y;
+    s.width = width;
+    s.height = height;
     return s;
 }
 
 TEST(RoiBadPixelArea, QuadrantsOfAnOddSizedFrame) {
-    const int w = 7, h = 5;
-    EXPECT_EQ(RoiBadPixelRect(AreaChoice(kQuadrantA), w, h), (PixelArea{0, 0, 3, 2}));
     // B ends at 2 x (W / 2) = 6: the last column (6) is in no quadrant.
-    EXPECT_EQ(RoiBadPixelRect(AreaChoice(kQuadrantB), w, h), (PixelArea{3, 0, 6, 2}));
-    EXPECT_EQ(RoiBadPixelRect(AreaChoice(kQuadrantC), w, h), (PixelArea{0, 2, 3, 4}));
-    EXPECT_EQ(RoiBadPixelRect(AreaChoice(kQuadrantD), w, h), (PixelArea{3, 2, 6, 4}));
-    EXPECT_EQ(RoiBadPixelRect(AreaChoice(kWholeArea), w, h), (PixelArea{0, 0, 7, 5}));
-    RoiBadPixelSettings roi;
-    EXPECT_EQ(RoiBadPixelRect(roi, w, h), (PixelArea{0, 0, 1000, 1000}));  // the defaults
-    roi.xStart = 2;
-    roi.yStart = 1;
-    roi.width = 3;
-    roi.height = 4;
-    EXPECT_EQ(RoiBadPixelRect(roi, w, h), (PixelArea{2, 1, 5, 5}));
+    const std::pair<RoiBadPixelSettings, PixelArea> cases[] = {
+        {Rect(kQuadrantA), {0, 0, 3, 2}},          {Rect(kQuadrantB), {3, 0, 6, 2}},
+        {Rect(kQuadrantC), {0, 2, 3, 4}},          {Rect(kQuadrantD), {3, 2, 6, 4}},
+        {Rect(kWholeArea), {0, 0, 7, 5}},          {RoiBadPixelSettings{}, {0, 0, 1000, 1000}},
+        {Rect(kRoiArea, 2, 1, 3, 4), {2, 1, 5, 5}}};
+    for (const auto& [settings, area] : cases) {
+        EXPECT_EQ(RoiBadPixelRect(settings, 7, 5), area) << settings.area;
+    }
 }
 
 TEST(RoiBadPixelArea, RectangleEndingAtTheFrameEdgeFits) {
-    RoiBadPixelSettings s;
-    s.xStart = 4;
-    s.width = 6;  // 4 + 6 = width
-    s.height = 8;
-    EXPECT_TRUE(RoiBadPixelRectFits(RoiBadPixelRect(s, 10, 8), 10, 8));
-    s.width = 7;
-    EXPECT_FALSE(RoiBadPixelRectFits(RoiBadPixelRect(s, 10, 8), 10, 8));
-    s.width = 6;
-    s.height = 9;
-    EXPECT_FALSE(RoiBadPixelRectFits(RoiBadPixelRect(s, 10, 8), 10, 8));
-    s.height = 8;
-    s.xStart = -1;
-    EXPECT_FALSE(RoiBadPixelRectFits(RoiBadPixelRect(s, 10, 8), 10, 8));
+    auto fits = [](RoiBadPixelSettings s) {
+        return RoiBadPixelRectFits(RoiBadPixelRect(s, 10, 8), 10, 8);
+    };
+    EXPECT_TRUE(fits(Rect(kRoiArea, 4, 0, 6, 8)));  // 4 + 6 = width
+    EXPECT_FALSE(fits(Rect(kRoiArea, 4, 0, 7, 8)));
+    EXPECT_FALSE(fits(Rect(kRoiArea, 4, 0, 6, 9)));
+    EXPECT_FALSE(fits(Rect(kRoiArea, -1, 0, 6, 8)));
 }
 
 TEST(RoiBadPixelLimits, SignOptionNegatesAndSwaps) {
@@ -60,11 +53,9 @@ TEST(RoiBadPixelSearch, EachSliderLimitsItsOwnChannel) {
     m.at<cv::Vec3b>(0, 1)[2] = 90;                     // red above R's 80
     m.at<cv::Vec3b>(1, 2)[0] = 10;                     // blue below B's 20
     m.at<cv::Vec3b>(1, 3)[0] = 75;                     // blue 75: inside B, outside R
-    std::array<ChannelRange, 4> ranges;
-    ranges[0] = {60, 80, false};   // R
-    ranges[1] = {0, 255, false};   // G
-    ranges[2] = {20, 100, false};  // B
-    ranges[3] = {0, 0, false};     // C: a three-channel frame has none
+    // R, G, B, and C, which a three-channel frame does not have.
+    const std::array<ChannelRange, 4> ranges = {
+        {{60, 80, false}, {0, 255, false}, {20, 100, false}, {0, 0, false}}};
     RoiBadPixelResult r;
     ASSERT_TRUE(FindRoiBadPixels(*MakeFrameCopy(m, 24), {0, 0, 4, 2}, ranges, r));
     ASSERT_EQ(r.pixels.size(), 2u);

@@ -13,8 +13,7 @@
 namespace lumetra {
 namespace {
 
-using test::Randomise;
-using test::SameMat;
+using test::CvtColor, test::Image, test::SameMat;
 
 DisplayResult Render(const ImageBuffer& raw, int mode, int bayer = 0) {
     DisplayRequest request;
@@ -34,12 +33,9 @@ TEST(RenderBayer, ColourModesUseThePatternTable) {
     const int codes[] = {0, cv::COLOR_BayerRG2BGR, cv::COLOR_BayerBG2BGR, cv::COLOR_BayerGR2BGR,
                          cv::COLOR_BayerGB2BGR};
     for (int depth : {8, 16}) {
-        ImageBuffer raw;
-        raw.Create(depth, 1, 10, 7);
-        Randomise(raw, depth);
+        const ImageBuffer raw = Image(depth, 1, 10, 7, depth);
         for (int pattern = 1; pattern <= 4; ++pattern) {
-            cv::Mat colour;
-            cv::cvtColor(raw.mat(), colour, codes[pattern]);
+            const cv::Mat colour = CvtColor(raw.mat(), codes[pattern]);
             const DisplayResult rgb = Render(raw, kModeRgb, pattern);
             ASSERT_TRUE(rgb.ok()) << rgb.error;
             EXPECT_TRUE(SameMat(rgb.image, colour)) << pattern;
@@ -55,9 +51,7 @@ TEST(RenderBayer, ColourModesUseThePatternTable) {
 }
 
 TEST(RenderBayer, ChannelModesArePhasePlanes) {
-    ImageBuffer raw;
-    raw.Create(16, 1, 9, 7);
-    Randomise(raw, 9);
+    const ImageBuffer raw = Image(16, 1, 9, 7, 9);
     for (int mode = kModeChannel0; mode <= kModeChannel3; ++mode) {
         const DisplayResult plane = Render(raw, mode, 2);  // with or without a pattern
         ASSERT_TRUE(plane.ok()) << plane.error;
@@ -69,58 +63,43 @@ TEST(RenderBayer, ChannelModesArePhasePlanes) {
     }
 }
 
-TEST(RenderColour, ChannelsOfThreeAndFour) {
-    ImageBuffer rgb, rgbc;
-    rgb.Create(8, 3, 5, 4);
-    rgbc.Create(16, 4, 5, 4);
-    Randomise(rgb, 1);
-    Randomise(rgbc, 2);
-    EXPECT_TRUE(SameMat(Render(rgb, kModeRgb).image, rgb.mat()));
-    EXPECT_TRUE(SameMat(Render(rgb, kModeRed).image, Plane(rgb.mat(), 2)));
-    EXPECT_TRUE(SameMat(Render(rgb, kModeBlue).image, Plane(rgb.mat(), 0)));
-
-    const DisplayResult first = Render(rgbc, kModeRgb);
-    ASSERT_EQ(first.image.type(), CV_16UC3);
-    cv::Mat bgr;
-    cv::cvtColor(rgbc.mat(), bgr, cv::COLOR_BGRA2BGR);
-    EXPECT_TRUE(SameMat(first.image, bgr));
-    EXPECT_TRUE(SameMat(Render(rgbc, kModeClear).image, Plane(rgbc.mat(), 3)));
-    EXPECT_TRUE(SameMat(Render(rgbc, kModeGreen).image, Plane(rgbc.mat(), 1)));
-}
-
-TEST(RenderColour, LuminanceChromaModes) {
-    ImageBuffer rgb;
-    rgb.Create(8, 3, 6, 5);
-    Randomise(rgb, 3);
-    cv::Mat ycrcb;
-    cv::cvtColor(rgb.mat(), ycrcb, cv::COLOR_BGR2YCrCb);
-    EXPECT_TRUE(SameMat(Render(rgb, kModeYCrCb).image, ycrcb));
-    EXPECT_TRUE(SameMat(Render(rgb, kModeY).image, Plane(ycrcb, 0)));
-    EXPECT_TRUE(SameMat(Render(rgb, kModeCr).image, Plane(ycrcb, 1)));
-    EXPECT_TRUE(SameMat(Render(rgb, kModeCb).image, Plane(ycrcb, 2)));
-
-    ImageBuffer rgbc, aux;
-    rgbc.Create(16, 4, 6, 5);
-    Randomise(rgbc, 4);
+TEST(RenderColour, ChannelsAndLuminanceChroma) {
+    ImageBuffer rgb = Image(8, 3, 6, 5, 1), rgbc = Image(16, 4, 6, 5, 2), aux = Image(16, 4, 6, 5);
     const cv::Mat before = rgbc.mat().clone();
-    aux.Create(16, 4, 6, 5);
+    const cv::Mat ycrcb = CvtColor(rgb.mat(), cv::COLOR_BGR2YCrCb);
     LumaChromaImage(rgbc, aux, 64);
-    EXPECT_TRUE(SameMat(Render(rgbc, kModeCb).image, Plane(aux.mat(), 2)));
+    const cv::Mat cb = Plane(aux.mat(), 2);
     CCrCbToRgb(aux, 64);
-    cv::Mat rebuilt;
-    cv::cvtColor(aux.mat(), rebuilt, cv::COLOR_BGRA2BGR);
-    const DisplayResult colour = Render(rgbc, kModeCCrCbToRgb);
-    ASSERT_TRUE(colour.ok()) << colour.error;
-    EXPECT_TRUE(SameMat(colour.image, rebuilt));
+    const struct {
+        const ImageBuffer* raw;
+        int mode;
+        cv::Mat expected;
+    } cases[] = {
+        {&rgb, kModeRgb, rgb.mat()},
+        {&rgb, kModeRed, Plane(rgb.mat(), 2)},
+        {&rgb, kModeBlue, Plane(rgb.mat(), 0)},
+        {&rgbc, kModeRgb, CvtColor(rgbc.mat(), cv::COLOR_BGRA2BGR)},
+        {&rgbc, kModeClear, Plane(rgbc.mat(), 3)},
+        {&rgbc, kModeGreen, Plane(rgbc.mat(), 1)},
+        {&rgb, kModeYCrCb, ycrcb},
+        {&rgb, kModeY, Plane(ycrcb, 0)},
+        {&rgb, kModeCr, Plane(ycrcb, 1)},
+        {&rgb, kModeCb, Plane(ycrcb, 2)},
+        {&rgbc, kModeCb, cb},
+        {&rgbc, kModeCCrCbToRgb, CvtColor(aux.mat(), cv::COLOR_BGRA2BGR)},
+    };
+    for (const auto& c : cases) {
+        const DisplayResult result = Render(*c.raw, c.mode);
+        EXPECT_TRUE(result.ok()) << result.error;
+        EXPECT_TRUE(SameMat(result.image, c.expected))
+            << c.raw->channels() << " channels, mode " << c.mode;
+    }
     EXPECT_TRUE(SameMat(rgbc.mat(), before));  // the raw image is only read
 }
 
 TEST(RenderRefusals, SayWhy) {
-    ImageBuffer grey, rgb, rgbc, tiny, empty;
-    grey.Create(8, 1, 4, 4);
-    rgb.Create(8, 3, 4, 4);
-    rgbc.Create(8, 4, 4, 4);
-    tiny.Create(8, 1, 1, 3);
+    const ImageBuffer grey = Image(8, 1, 4, 4), rgb = Image(8, 3, 4, 4), rgbc = Image(8, 4, 4, 4),
+                      tiny = Image(8, 1, 1, 3), empty;
     const struct {
         const ImageBuffer* raw;
         int mode;
@@ -152,8 +131,7 @@ TEST(RenderRefusals, SayWhy) {
 }
 
 TEST(RenderMapping, SixteenBitSamplesByTheDisplayChoice) {
-    ImageBuffer raw;
-    raw.Create(16, 1, 4, 4);
+    ImageBuffer raw = Image(16, 1, 4, 4);
     raw.mat().setTo(cv::Scalar::all(0x0ABC));  // 12-bit data
     DisplayRequest request;
     request.mode = kModeRgb;
@@ -184,8 +162,7 @@ TEST(RenderMapping, SixteenBitSamplesByTheDisplayChoice) {
 
 // 48 bits per pixel: the left shift depends on the channels of what is drawn.
 TEST(RenderMapping, FortyEightBitsShiftByDrawnChannels) {
-    ImageBuffer raw;
-    raw.Create(16, 4, 3, 2);
+    ImageBuffer raw = Image(16, 4, 3, 2);
     raw.mat().setTo(cv::Scalar(0x0101, 0x0202, 0x0303, 0x0404));
     DisplayRequest request;
     request.pixelBitCount = 48;

@@ -14,13 +14,7 @@
 namespace lumetra {
 namespace {
 
-using test::SameMat;
-using test::TestAllocator;
-
-struct RecordingLog final : MessageLog {
-    void log(std::string_view text) override { lines.emplace_back(text); }
-    std::vector<std::string> lines;
-};
+using test::Filled, test::RecordingLog, test::SameMat, test::TestAllocator;
 
 void ExpectShape(const ImageBuffer& b, int depth, int channels, int width, int height) {
     EXPECT_TRUE(b.hasImage());
@@ -43,21 +37,15 @@ TEST(FrameTables, BayerOffForFramesOverTheLimitWithOneMessage) {
     RecordingLog log;
     BayerSettings bayer{true, 3};
     EXPECT_TRUE(KeepBayerFor(0x7FFFFFFF, bayer, log));
-    EXPECT_TRUE(bayer.enabled && bayer.pattern == 3 && log.lines.empty());
+    EXPECT_TRUE(bayer.enabled && bayer.pattern == 3 && log.lines().empty());
     EXPECT_FALSE(KeepBayerFor(0x80000000, bayer, log));
     EXPECT_FALSE(bayer.enabled || bayer.pattern != 0);
     // Nothing left to switch off, nothing more said; on without a pattern is off.
     EXPECT_FALSE(KeepBayerFor(0x80000000, bayer, log));
     BayerSettings noPattern{true, 0};
     EXPECT_FALSE(KeepBayerFor(100, noPattern, log));
-    EXPECT_EQ(log.lines, std::vector<std::string>{"The image data is too large, disable bayer.\n"});
-}
-
-TEST(FrameAllocate, ConstructionTimeForm) {
-    FrameImage frame;
-    EXPECT_EQ(frame.format().bitsPerPixel, 24);
-    ExpectShape(frame.raw(), 8, 3, 1024, 643);
-    EXPECT_FALSE(frame.colour().hasImage() || frame.aux().hasImage());
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"The image data is too large, disable bayer.\n"});
 }
 
 TEST(FrameAllocate, LayoutsAndAuxImages) {
@@ -105,7 +93,7 @@ TEST(FrameAllocate, BayerColourImageInOrderRawColourAux) {
         ASSERT_TRUE(frame.Allocate(bits, bayer, log));
         const int bytes = bits == 8 ? 1 : 2;
         ExpectShape(frame.colour(), 8 * bytes, 3, 33, 17);
-        EXPECT_TRUE(bayer.enabled && log.lines.empty());
+        EXPECT_TRUE(bayer.enabled && log.lines().empty());
         EXPECT_EQ(allocator.events,
                   (std::vector<std::string>{"allocate " + std::to_string(bytes * 33 * 17),
                                             "free " + std::to_string(1024 * 643 * 3),
@@ -115,9 +103,10 @@ TEST(FrameAllocate, BayerColourImageInOrderRawColourAux) {
 }
 
 TEST(FrameAllocate, FailuresStopWhereTheyHappen) {
-    // Requests: construction, raw, colour, aux. Refusing the n-th leaves the later ones unmade
-    // and the flags as they were.
+    // Requests: construction (1024 x 643, 3 channels of 8 bits), raw, colour, aux. Refusing the
+    // n-th leaves the later ones unmade and the flags as they were.
     for (const int failAfter : {1, 2, 3}) {
+        SCOPED_TRACE(failAfter);
         TestAllocator allocator;
         FrameImage frame(allocator);
         allocator.failAfter = failAfter;
@@ -126,7 +115,8 @@ TEST(FrameAllocate, FailuresStopWhereTheyHappen) {
         BayerSettings bayer{true, 2};
         RecordingLog log;
         EXPECT_FALSE(frame.Allocate(16, bayer, log));
-        EXPECT_EQ(frame.raw().depth(), failAfter == 1 ? 8 : 16) << failAfter;
+        const bool old = failAfter == 1;
+        ExpectShape(frame.raw(), old ? 8 : 16, old ? 3 : 1, old ? 1024 : 64, old ? 643 : 64);
         EXPECT_EQ(frame.colour().hasImage(), failAfter == 3);
         EXPECT_FALSE(frame.aux().hasImage());
         EXPECT_TRUE(frame.eightBitShift() && frame.shift() == 2 && bayer.enabled);
@@ -187,17 +177,15 @@ TEST_P(PartialDemosaic, RegionWidenedAlignedAndClipped) {
         frame_.DemosaicRegion(c.x1, c.y1, c.x2, c.y2, bayer_, 0, nullptr);
         ExpectConverted(c.left, c.top, c.right, c.bottom);
     }
-    frame_.DemosaicRegion(0, 0, kWidth, kHeight, bayer_, 0, nullptr);
-    EXPECT_TRUE(SameMat(frame_.colour().mat(), whole_));
-}
-
-TEST_P(PartialDemosaic, NothingWithoutBayerOrOutsideTheFrame) {
+    // Nothing, not even a channel rebuild, without Bayer, without a pattern or outside the frame.
     bool rebuilt = false;
     frame_.DemosaicRegion(4, 4, 10, 10, BayerSettings{false, 2}, 5, [&] { rebuilt = true; });
     frame_.DemosaicRegion(4, 4, 10, 10, BayerSettings{true, 0}, 0, nullptr);
     frame_.DemosaicRegion(40, 30, 50, 40, bayer_, 0, nullptr);
     EXPECT_FALSE(rebuilt);
-    EXPECT_TRUE(SameMat(frame_.colour().mat(), test::Filled(frame_.colour())));
+    EXPECT_TRUE(SameMat(frame_.colour().mat(), Filled(frame_.colour())));
+    frame_.DemosaicRegion(0, 0, kWidth, kHeight, bayer_, 0, nullptr);
+    EXPECT_TRUE(SameMat(frame_.colour().mat(), whole_));
 }
 
 bool HeldElsewhere(std::mutex& lock) {
@@ -211,14 +199,19 @@ bool HeldElsewhere(std::mutex& lock) {
     return held;
 }
 
-TEST(FrameLock, ChannelModesRebuildUnderTheLockInstead) {
-    FrameImage frame;
+// A 16 x 8 frame of 8-bit Bayer data, every sample 200.
+void AllocateBayerFrame(FrameImage& frame, BayerSettings& bayer) {
     frame.setFormat({16, 8, 8, 1, false});
-    BayerSettings bayer{true, 4};
     RecordingLog log;
     ASSERT_TRUE(frame.Allocate(8, bayer, log));
     cv::Mat raw = frame.raw().mat();
     raw.setTo(cv::Scalar::all(200));
+}
+
+TEST(FrameLock, ChannelModesRebuildUnderTheLockInstead) {
+    FrameImage frame;
+    BayerSettings bayer{true, 4};
+    ASSERT_NO_FATAL_FAILURE(AllocateBayerFrame(frame, bayer));
     int calls = 0;
     int lockedCalls = 0;
     for (const int mode : {0, 4, 5, 6, 7, 8, 9}) {
@@ -227,8 +220,7 @@ TEST(FrameLock, ChannelModesRebuildUnderTheLockInstead) {
             ++calls;
             lockedCalls += HeldElsewhere(frame.frameLock());
         });
-        EXPECT_EQ(SameMat(frame.colour().mat(), test::Filled(frame.colour())),
-                  mode >= 5 && mode <= 8)
+        EXPECT_EQ(SameMat(frame.colour().mat(), Filled(frame.colour())), mode >= 5 && mode <= 8)
             << mode;
         EXPECT_FALSE(HeldElsewhere(frame.frameLock())) << mode;
     }
@@ -238,18 +230,14 @@ TEST(FrameLock, ChannelModesRebuildUnderTheLockInstead) {
 
 TEST(FrameLock, ConversionWaitsForTheLockHolder) {
     FrameImage frame;
-    frame.setFormat({16, 8, 8, 1, false});
     BayerSettings bayer{true, 2};
-    RecordingLog log;
-    ASSERT_TRUE(frame.Allocate(8, bayer, log));
-    cv::Mat raw = frame.raw().mat();
-    raw.setTo(cv::Scalar::all(200));
+    ASSERT_NO_FATAL_FAILURE(AllocateBayerFrame(frame, bayer));
     std::thread worker;
     {
         std::lock_guard lock(frame.frameLock());
         worker = std::thread([&] { frame.DemosaicRegion(0, 0, 16, 8, bayer, 0, nullptr); });
         // However far the worker got, it cannot have written yet.
-        EXPECT_TRUE(SameMat(frame.colour().mat(), test::Filled(frame.colour())));
+        EXPECT_TRUE(SameMat(frame.colour().mat(), Filled(frame.colour())));
     }
     worker.join();
     EXPECT_TRUE(SameMat(frame.colour().mat(), cv::Mat(8, 16, CV_8UC3, cv::Scalar::all(200))));

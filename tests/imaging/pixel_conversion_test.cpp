@@ -15,84 +15,49 @@
 namespace lumetra {
 namespace {
 
-using test::Filled;
-using test::Randomise;
-using test::SameMat;
-using test::TestAllocator;
+using test::Filled, test::Image, test::SameMat, test::TestAllocator;
 
-using Pixel = std::array<int, 4>;
+using Pixel = std::array<double, 4>;
 
 // A 1 x N four-channel image of the given pixels.
-void Fill(ImageBuffer& image, int depth, const std::vector<Pixel>& pixels) {
-    image.Create(depth, 4, static_cast<int>(pixels.size()), 1);
+ImageBuffer Row(int depth, std::vector<Pixel> pixels) {
+    ImageBuffer image = Image(depth, 4, static_cast<int>(pixels.size()), 1);
+    cv::Mat m = image.mat();
+    cv::Mat(m.size(), CV_64FC4, pixels.data()).convertTo(m, m.type());
+    return image;
+}
+
+void ExpectPixels(const ImageBuffer& image, const std::vector<Pixel>& pixels) {
     for (std::size_t i = 0; i < pixels.size(); ++i) {
-        for (int k = 0; k < 4; ++k) {
-            if (depth == 8) {
-                image.mat().at<cv::Vec4b>(0, static_cast<int>(i))[k] =
-                    static_cast<uint8_t>(pixels[i][k]);
-            } else {
-                image.mat().at<cv::Vec<uint16_t, 4>>(0, static_cast<int>(i))[k] =
-                    static_cast<uint16_t>(pixels[i][k]);
-            }
-        }
+        EXPECT_EQ(image.ReadPixel(0, static_cast<int>(i)), pixels[i]) << "pixel " << i;
     }
 }
 
-Pixel At(const ImageBuffer& image, int column) {
-    const auto v = image.ReadPixel(0, column);
-    return {static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]),
-            static_cast<int>(v[3])};
-}
-
-TEST(SampleTables, MaximumByPixelBitCount) {
-    for (int bits : {8, 24, 32}) {
-        EXPECT_EQ(MaxSampleValue(bits, 1), 255) << bits;
+// 48 bits is 16-bit RGB or 12-bit RGBC, and its shift goes by the channels drawn. Unknown counts
+// fall back to 256, not 255.
+TEST(SampleTables, MaximumAndHighBitShiftByPixelBitCount) {
+    struct Case {
+        int bits, channels, maximum, shift;
+    };
+    const Case cases[] = {
+        {8, 1, 255, 0},    {24, 3, 255, 0},   {32, 4, 255, 0},   {10, 1, 1023, 6},
+        {30, 3, 1023, 6},  {40, 4, 1023, 6},  {12, 1, 4095, 4},  {36, 3, 4095, 4},
+        {14, 1, 16383, 2}, {42, 3, 16383, 2}, {56, 4, 16383, 0}, {16, 1, 65535, 0},
+        {64, 4, 65535, 0}, {48, 3, 65535, 4}, {48, 1, 65535, 2}, {48, 4, 4095, 2},
+        {0, 3, 256, 0},    {7, 3, 256, 0},    {9, 3, 256, 0},    {20, 3, 256, 0},
+        {65, 3, 256, 0},   {128, 3, 256, 0}};
+    for (const Case& c : cases) {
+        EXPECT_EQ(MaxSampleValue(c.bits, c.channels), c.maximum) << c.bits << "/" << c.channels;
+        EXPECT_EQ(HighBitShift(c.bits, c.channels), c.shift) << c.bits << "/" << c.channels;
     }
-    for (int bits : {10, 30, 40}) {
-        EXPECT_EQ(MaxSampleValue(bits, 1), 1023) << bits;
-    }
-    EXPECT_EQ(MaxSampleValue(12, 1), 4095);
-    EXPECT_EQ(MaxSampleValue(36, 3), 4095);
-    for (int bits : {14, 42, 56}) {
-        EXPECT_EQ(MaxSampleValue(bits, 4), 16383) << bits;
-    }
-    EXPECT_EQ(MaxSampleValue(16, 1), 65535);
-    EXPECT_EQ(MaxSampleValue(64, 4), 65535);
-    // 48 bits: 16-bit RGB or 12-bit RGBC.
-    EXPECT_EQ(MaxSampleValue(48, 3), 65535);
-    EXPECT_EQ(MaxSampleValue(48, 1), 65535);
-    EXPECT_EQ(MaxSampleValue(48, 4), 4095);
-    // Everything else falls back to 256, not 255.
-    for (int bits : {0, 7, 9, 20, 65, 128}) {
-        EXPECT_EQ(MaxSampleValue(bits, 3), 256) << bits;
-    }
-}
-
-TEST(SampleTables, HighBitShiftByPixelBitCount) {
-    for (int bits : {10, 30, 40}) {
-        EXPECT_EQ(HighBitShift(bits, 3), 6) << bits;
-    }
-    EXPECT_EQ(HighBitShift(12, 1), 4);
-    EXPECT_EQ(HighBitShift(36, 3), 4);
-    EXPECT_EQ(HighBitShift(14, 1), 2);
-    EXPECT_EQ(HighBitShift(42, 3), 2);
-    for (int bits : {16, 56, 64, 8, 24, 20}) {
-        EXPECT_EQ(HighBitShift(bits, 3), 0) << bits;
-    }
-    EXPECT_EQ(HighBitShift(48, 3), 4);
-    EXPECT_EQ(HighBitShift(48, 1), 2);
-    EXPECT_EQ(HighBitShift(48, 4), 2);
 }
 
 TEST(SampleMapping, LeftShiftFillsSixteenBits) {
-    cv::Mat image(1, 3, CV_16UC1);
-    image.at<uint16_t>(0) = 0x03FF;
-    image.at<uint16_t>(1) = 0x0001;
-    image.at<uint16_t>(2) = 0x0FFF;  // above 10 bits: the top bits fall off
+    cv::Mat_<uint16_t> image(1, 3);
+    image << 0x03FF, 0x0001, 0x0FFF;  // the last is above 10 bits: its top bits fall off
     ShiftLeftInPlace(image, 6);
-    EXPECT_EQ(image.at<uint16_t>(0), 0xFFC0);
-    EXPECT_EQ(image.at<uint16_t>(1), 0x0040);
-    EXPECT_EQ(image.at<uint16_t>(2), 0xFFC0);
+    EXPECT_EQ(std::vector<uint16_t>(image.begin(), image.end()),
+              (std::vector<uint16_t>{0xFFC0, 0x0040, 0xFFC0}));
 
     for (int shift : {16, 17, 40}) {
         cv::Mat full(2, 2, CV_16UC3, cv::Scalar::all(0xFFFF));
@@ -111,76 +76,46 @@ TEST(SampleMapping, RightShiftShowsBitsShiftToShiftPlusSeven) {
     ASSERT_EQ(eight.type(), CV_8UC3);
     ASSERT_EQ(eight.size(), image.size());
     EXPECT_EQ(eight.at<cv::Vec3b>(1, 1), cv::Vec3b(0xAF, 0xAF, 0xAF));
-    ShiftRightToEightBit(image, eight, 4);
-    EXPECT_EQ(eight.at<cv::Vec3b>(0, 1)[2], 0xAB);
     ShiftRightToEightBit(image, eight, 0);  // the low byte, not a saturated 255
     EXPECT_EQ(eight.at<cv::Vec3b>(0, 0)[0], 0xBC);
-    ShiftRightToEightBit(image, eight, 8);
-    EXPECT_EQ(eight.at<cv::Vec3b>(0, 0)[0], 0x0A);
 }
 
-// The worked example and ties: 255.5 and 128.5 round to even, 129.5 too.
+// B, G, R, C: the worked example, then ties that round to even: Cr 128.5 -> 128, Cr 129.5 -> 130,
+// Cb 128.5 -> 128.
 TEST(LumaChroma, EightBitRgbcRoundsHalfToEven) {
-    ImageBuffer raw, aux;
-    Fill(raw, 8,
-         {
-             {0, 0, 255, 77},  // B, G, R, C
-             {0, 0, 1, 9},     // Cr 128.5 -> 128
-             {0, 0, 3, 0},     // Cr 129.5 -> 130
-             {1, 0, 0, 255},   // Cb 128.5 -> 128
-         });
-    aux.Create(8, 4, 4, 1);
+    const ImageBuffer raw = Row(8, {{0, 0, 255, 77}, {0, 0, 1, 9}, {0, 0, 3, 0}, {1, 0, 0, 255}});
+    ImageBuffer aux = Image(8, 4, 4, 1);
     ASSERT_TRUE(LumaChromaImage(raw, aux, 32));
-    EXPECT_EQ(At(aux, 0), (Pixel{76, 255, 85, 77}));
-    EXPECT_EQ(At(aux, 1), (Pixel{0, 128, 128, 9}));
-    EXPECT_EQ(At(aux, 2), (Pixel{1, 130, 127, 0}));
-    EXPECT_EQ(At(aux, 3), (Pixel{0, 128, 128, 255}));
+    ExpectPixels(aux, {{76, 255, 85, 77}, {0, 128, 128, 9}, {1, 130, 127, 0}, {0, 128, 128, 255}});
 }
 
+// Y far above every clamp; Cr = Cb = 128, not half the range; Cr 32895.5 -> 32896 unless clamped.
 TEST(LumaChroma, SixteenBitClampsByFormatAndKeepsOffset128) {
-    ImageBuffer raw, aux;
-    const std::vector<Pixel> pixels = {
-        {65535, 65535, 65535, 4000},  // Y far above every clamp
-        {0, 0, 0, 5},                 // Cr = Cb = 128, not half the range
-        {0, 0, 65535, 1},             // Cr 32895.5 -> 32896 unless clamped
-    };
-    Fill(raw, 16, pixels);
-    aux.Create(16, 4, 3, 1);
+    const ImageBuffer raw = Row(16, {{65535, 65535, 65535, 4000}, {0, 0, 0, 5}, {0, 0, 65535, 1}});
+    ImageBuffer aux = Image(16, 4, 3, 1);
 
     ASSERT_TRUE(LumaChromaImage(raw, aux, 48));  // 12-bit RGBC
-    EXPECT_EQ(At(aux, 0), (Pixel{4095, 128, 128, 4000}));
-    EXPECT_EQ(At(aux, 1), (Pixel{0, 128, 128, 5}));
-    EXPECT_EQ(At(aux, 2), (Pixel{4095, 4095, 0, 1}));
+    ExpectPixels(aux, {{4095, 128, 128, 4000}, {0, 128, 128, 5}, {4095, 4095, 0, 1}});
 
     ASSERT_TRUE(LumaChromaImage(raw, aux, 64));
-    EXPECT_EQ(At(aux, 0), (Pixel{65535, 128, 128, 4000}));
-    EXPECT_EQ(At(aux, 2), (Pixel{19595, 32896, 0, 1}));
+    ExpectPixels(aux, {{65535, 128, 128, 4000}, {0, 128, 128, 5}, {19595, 32896, 0, 1}});
 
     ASSERT_TRUE(LumaChromaImage(raw, aux, 20));  // unknown format: 256
-    EXPECT_EQ(At(aux, 0), (Pixel{256, 128, 128, 4000}));
-    EXPECT_EQ(At(aux, 2), (Pixel{256, 256, 0, 1}));
+    ExpectPixels(aux, {{256, 128, 128, 4000}, {0, 128, 128, 5}, {256, 256, 0, 1}});
 }
 
 TEST(LumaChroma, ThreeChannelsAreOpenCvsYCrCb) {
     for (int depth : {8, 16}) {
-        ImageBuffer raw, aux;
-        raw.Create(depth, 3, 9, 4);
-        aux.Create(depth, 3, 9, 4);
-        Randomise(raw, depth);
+        ImageBuffer raw = Image(depth, 3, 9, 4, depth), aux = Image(depth, 3, 9, 4);
         ASSERT_TRUE(LumaChromaImage(raw, aux, 3 * depth));
-        cv::Mat expected;
-        cv::cvtColor(raw.mat(), expected, cv::COLOR_BGR2YCrCb);
-        EXPECT_TRUE(SameMat(aux.mat(), expected)) << depth;
+        EXPECT_TRUE(SameMat(aux.mat(), test::CvtColor(raw.mat(), cv::COLOR_BGR2YCrCb))) << depth;
     }
 }
 
 // Rows spread over threads and walked by the widthStep: the same as one pass.
 TEST(LumaChroma, ThreadsGiveTheSameImage) {
-    ImageBuffer raw, one, many;
-    raw.Create(16, 4, 13, 11);
-    one.Create(16, 4, 13, 11);
-    many.Create(16, 4, 13, 11);
-    Randomise(raw, 3);
+    ImageBuffer raw = Image(16, 4, 13, 11, 3), one = Image(16, 4, 13, 11),
+                many = Image(16, 4, 13, 11);
     ASSERT_TRUE(LumaChromaImage(raw, one, 64, 1));
     ASSERT_TRUE(LumaChromaImage(raw, many, 64, 4));
     EXPECT_TRUE(SameMat(one.mat(), many.mat()));
@@ -191,10 +126,8 @@ TEST(LumaChroma, ThreadsGiveTheSameImage) {
 
 TEST(LumaChroma, MisfitsChangeNothing) {
     TestAllocator allocator;
-    ImageBuffer raw(allocator), aux(allocator), grey(allocator), empty(allocator);
-    raw.Create(8, 4, 4, 3);
-    Randomise(raw, 1);
-    grey.Create(8, 1, 4, 3);
+    ImageBuffer raw = Image(8, 4, 4, 3, 1, allocator), grey = Image(8, 1, 4, 3, -1, allocator);
+    ImageBuffer aux(allocator), empty(allocator);
     for (auto [depth, channels, width] :
          {std::tuple{16, 4, 4}, std::tuple{8, 3, 4}, std::tuple{8, 4, 5}}) {
         aux.Create(depth, channels, width, 3);
@@ -209,30 +142,24 @@ TEST(LumaChroma, MisfitsChangeNothing) {
     EXPECT_FALSE(CCrCbToRgb(empty, 8));
 }
 
+// C = 0 with neutral chroma is black whatever the Y; 117.72, 103.7, 85.98 round; far below zero
+// clamps rather than wraps, as does far above 255 (all but green).
 TEST(CCrCb, ClearChannelStandsInForLuminance) {
-    ImageBuffer aux;
-    Fill(aux, 8,
-         {
-             {200, 128, 128, 0},  // C = 0, neutral chroma: black whatever the Y
-             {17, 128, 128, 0},
-             {50, 118, 138, 100},  // 117.72, 103.7, 85.98
-             {0, 0, 0, 0},         // far below zero: clamped, not wrapped
-             {0, 255, 255, 255},   // far above 255 but for green
-         });
+    ImageBuffer aux = Row(8, {{200, 128, 128, 0},
+                              {17, 128, 128, 0},
+                              {50, 118, 138, 100},
+                              {0, 0, 0, 0},
+                              {0, 255, 255, 255}});
     ASSERT_TRUE(CCrCbToRgb(aux, 32));
-    EXPECT_EQ(At(aux, 0), (Pixel{0, 0, 0, 0}));
-    EXPECT_EQ(At(aux, 1), (Pixel{0, 0, 0, 0}));
-    EXPECT_EQ(At(aux, 2), (Pixel{118, 104, 86, 100}));
-    EXPECT_EQ(At(aux, 3), (Pixel{0, 135, 0, 0}));
-    EXPECT_EQ(At(aux, 4), (Pixel{255, 121, 255, 255}));
+    ExpectPixels(
+        aux,
+        {{0, 0, 0, 0}, {0, 0, 0, 0}, {118, 104, 86, 100}, {0, 135, 0, 0}, {255, 121, 255, 255}});
 }
 
 TEST(CCrCb, SixteenBitClampsAtTheFormatMaximum) {
-    ImageBuffer aux;
-    Fill(aux, 16, {{0, 128, 200, 4000}, {0, 128, 128, 65535}});
+    ImageBuffer aux = Row(16, {{0, 128, 200, 4000}, {0, 128, 128, 65535}});
     ASSERT_TRUE(CCrCbToRgb(aux, 48));  // 4000 + 1.772 x 72 = 4127.6
-    EXPECT_EQ(At(aux, 0), (Pixel{4095, 3975, 4000, 4000}));
-    EXPECT_EQ(At(aux, 1), (Pixel{4095, 4095, 4095, 65535}));
+    ExpectPixels(aux, {{4095, 3975, 4000, 4000}, {4095, 4095, 4095, 65535}});
 }
 
 // The Frame image path: mode 13 rebuilds colour from C; the other modes keep Y, Cr, Cb.
@@ -257,44 +184,29 @@ TEST(CCrCb, FrameImageModes) {
     EXPECT_EQ(frame.aux().mat().at<cv::Vec4b>(0, 0), cv::Vec4b(7, 7, 7, 7));
 }
 
+// Channel0 and Channel1 take the even rows, Channel0 and Channel2 the even columns.
 TEST(PhasePlanes, FiveByFiveGivesTwoByTwo) {
     for (int depth : {8, 16}) {
-        ImageBuffer raw, aux;  // exact blocks: the sanitizer build sees a read past the frame
-        raw.Create(depth, 1, 5, 5);
-        const int base = depth == 8 ? 0 : 1000;
-        for (int r = 0; r < 5; ++r) {
-            for (int c = 0; c < 5; ++c) {
-                if (depth == 8) {
-                    raw.mat().at<uint8_t>(r, c) = static_cast<uint8_t>(10 * r + c);
-                } else {
-                    raw.mat().at<uint16_t>(r, c) = static_cast<uint16_t>(base + 10 * r + c);
-                }
-            }
-        }
-        aux.Create(depth, 1, 2, 2);
-        const std::array<std::array<int, 4>, 4> expected = {{
-            {0, 2, 20, 22},    // Channel0: even row, even column
-            {1, 3, 21, 23},    // Channel1: even row, odd column
-            {10, 12, 30, 32},  // Channel2: odd row, even column
-            {11, 13, 31, 33},  // Channel3: odd row, odd column
-        }};
+        // Exact blocks: the sanitizer build sees a read past the frame.
+        ImageBuffer raw = Image(depth, 1, 5, 5, depth), aux = Image(depth, 1, 2, 2);
         for (int mode = kModeChannel0; mode <= kModeChannel3; ++mode) {
             ASSERT_TRUE(BayerPhasePlane(raw, aux, mode));
-            const auto& e = expected[static_cast<std::size_t>(mode - kModeChannel0)];
-            EXPECT_EQ(aux.ReadPixel(0, 0)[0], base + e[0]) << mode;
-            EXPECT_EQ(aux.ReadPixel(0, 1)[0], base + e[1]) << mode;
-            EXPECT_EQ(aux.ReadPixel(1, 0)[0], base + e[2]) << mode;
-            EXPECT_EQ(aux.ReadPixel(1, 1)[0], base + e[3]) << mode;
+            const int row = mode >= kModeChannel2 ? 1 : 0;
+            const int column = mode == kModeChannel1 || mode == kModeChannel3 ? 1 : 0;
+            for (int r = 0; r < 2; ++r) {
+                for (int c = 0; c < 2; ++c) {
+                    EXPECT_EQ(aux.ReadPixel(r, c), raw.ReadPixel(2 * r + row, 2 * c + column))
+                        << depth << " bits, mode " << mode;
+                }
+            }
         }
     }
 }
 
 TEST(PhasePlanes, MisfitsAndOtherModesChangeNothing) {
     TestAllocator allocator;
-    ImageBuffer raw(allocator), aux(allocator), colour(allocator);
-    raw.Create(8, 1, 6, 6);
-    Randomise(raw, 4);
-    colour.Create(8, 3, 6, 6);
+    ImageBuffer raw = Image(8, 1, 6, 6, 4, allocator), colour = Image(8, 3, 6, 6, -1, allocator);
+    ImageBuffer aux(allocator);
     for (auto [depth, width, height] :
          {std::tuple{8, 2, 3}, std::tuple{8, 3, 2}, std::tuple{16, 3, 3}}) {
         aux.Create(depth, 1, width, height);

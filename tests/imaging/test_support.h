@@ -1,5 +1,5 @@
-// Shared by the imaging tests: an allocator that records, refuses and guards its blocks, and a
-// few matrix helpers.
+// Shared by the imaging tests: an allocator that records, refuses and guards its blocks, a log that
+// keeps its lines, and a few matrix helpers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,11 +9,15 @@
 #include <limits>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 
+#include "acquisition/messages.h"
 #include "imaging/image_buffer.h"
+#include "support/recording_log.h"
 
 namespace lumetra::test {
 
@@ -29,7 +33,6 @@ class TestAllocator final : public BlockAllocator {
 
     void* allocate(std::size_t size) override {
         ++requests_;
-        requested.push_back(size);
         if (size > failAbove || (failAfter >= 0 && requests_ > failAfter)) {
             events.push_back("refuse " + std::to_string(size));
             return nullptr;
@@ -60,7 +63,6 @@ class TestAllocator final : public BlockAllocator {
     std::size_t failAbove = std::numeric_limits<std::size_t>::max();
     int failAfter = -1;  // refuse every request after this many; negative for never
     std::vector<std::string> events;
-    std::vector<std::size_t> requested;
 
   private:
     int requests_ = 0;
@@ -76,10 +78,34 @@ inline void Randomise(ImageBuffer& buffer, int seed) {
     cv::RNG(seed).fill(m, cv::RNG::UNIFORM, 0, buffer.depth() == 8 ? 256 : 65536);
 }
 
+// A new buffer, random unless seed is negative.
+inline ImageBuffer Image(int depth, int channels, int width, int height, int seed = -1,
+                         BlockAllocator& allocator = DefaultBlockAllocator()) {
+    ImageBuffer buffer(allocator);
+    buffer.Create(depth, channels, width, height);
+    if (seed >= 0) {
+        Randomise(buffer, seed);
+    }
+    return buffer;
+}
+
 // What a fresh buffer of this shape holds: every byte 3.
 inline cv::Mat Filled(const ImageBuffer& like) {
     return cv::Mat(like.height(), like.width(), like.mat().type(),
                    cv::Scalar::all(like.depth() == 8 ? 3 : 0x0303));
+}
+
+inline cv::Mat CvtColor(const cv::Mat& src, int code) {
+    cv::Mat out;
+    cv::cvtColor(src, out, code);
+    return out;
+}
+
+// A fresh buffer like this one with `inside` written into `region`.
+inline cv::Mat FilledWith(const ImageBuffer& like, const cv::Rect& region, const cv::Mat& inside) {
+    cv::Mat out = Filled(like);
+    inside.copyTo(out(region));
+    return out;
 }
 
 }  // namespace lumetra::test

@@ -1,10 +1,12 @@
-// Stand-ins for the front end and the system, and helpers that read recorded files back with
-// ffprobe and ffmpeg.
+// Stand-ins for the front end and the system, and helpers that read written files back: TIFF
+// tags with libtiff, recorded video with ffprobe and ffmpeg.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <tiffio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -12,11 +14,13 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "acquisition/messages.h"
 #include "recording/system_status.h"
+#include "support/recording_log.h"
 
 namespace lumetra::test {
 
@@ -44,51 +48,26 @@ class RecordingSink final : public MessageSink {
     // build from hanging; no test relies on it passing.
     bool waitFor(uint32_t message, size_t count = 1) {
         std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, std::chrono::seconds(120),
-                            [&] { return countLocked(message) >= count; });
+        return cv_.wait_for(lock, std::chrono::seconds(120), [&] {
+            return size_t(std::count_if(posted_.begin(), posted_.end(), [&](const Posted& p) {
+                       return p.message == message;
+                   })) >= count;
+        });
     }
     std::vector<Posted> posted() const {
         std::lock_guard lock(mutex_);
         return posted_;
     }
     std::vector<Posted> of(uint32_t message) const {
-        std::lock_guard lock(mutex_);
-        std::vector<Posted> out;
-        for (const Posted& p : posted_) {
-            if (p.message == message) {
-                out.push_back(p);
-            }
-        }
+        std::vector<Posted> out = posted();
+        std::erase_if(out, [&](const Posted& p) { return p.message != message; });
         return out;
     }
 
   private:
-    size_t countLocked(uint32_t message) const {
-        size_t n = 0;
-        for (const Posted& p : posted_) {
-            n += p.message == message ? 1 : 0;
-        }
-        return n;
-    }
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     std::vector<Posted> posted_;
-};
-
-class RecordingLog final : public MessageLog {
-  public:
-    void log(std::string_view text) override {
-        std::lock_guard lock(mutex_);
-        lines_.emplace_back(text);
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
 };
 
 class RecordingPrompt final : public Prompt {
@@ -125,12 +104,59 @@ class TempDir {
     ~TempDir() { std::filesystem::remove_all(path_); }
     std::string operator/(const std::string& name) const { return (path_ / name).string(); }
     const std::filesystem::path& path() const { return path_; }
+    long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
 
   private:
     std::filesystem::path path_;
 };
 
-inline std::string RunCommand(const std::string& command, int* status = nullptr) {
+// A mono frame with a bar that moves with the frame number over a textured background.
+inline std::vector<uint8_t> MonoFrame(int width, int height, int number) {
+    std::vector<uint8_t> f(size_t(width) * height);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const bool bar = ((x + number * 3) % width) < width / 8;
+            f[size_t(y) * width + x] = bar ? 230 : static_cast<uint8_t>((x * 7 + y * 13) % 97 + 20);
+        }
+    }
+    return f;
+}
+
+struct TiffTags {
+    uint32_t width = 0, height = 0;
+    uint16_t bits = 0, samples = 0, compression = 0, photometric = 0, unit = 0;
+    float dpiX = 0, dpiY = 0;
+    uint16_t extraCount = 0, extraType = 99;
+    std::vector<uint8_t> firstRow;
+};
+
+inline TiffTags ReadTags(const std::string& path) {
+    TiffTags t;
+    TIFF* tif = TIFFOpen(path.c_str(), "r");
+    if (tif == nullptr) {
+        ADD_FAILURE() << "libtiff cannot open " << path;
+        return t;
+    }
+    TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &t.width);
+    TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &t.height);
+    TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &t.bits);
+    TIFFGetField(tif, TIFFTAG_SAMPLESPERPIXEL, &t.samples);
+    TIFFGetField(tif, TIFFTAG_COMPRESSION, &t.compression);
+    TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &t.photometric);
+    TIFFGetField(tif, TIFFTAG_XRESOLUTION, &t.dpiX);
+    TIFFGetField(tif, TIFFTAG_YRESOLUTION, &t.dpiY);
+    TIFFGetField(tif, TIFFTAG_RESOLUTIONUNIT, &t.unit);
+    uint16_t* extra = nullptr;
+    if (TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &t.extraCount, &extra) == 1 && t.extraCount > 0) {
+        t.extraType = extra[0];
+    }
+    t.firstRow.resize(TIFFScanlineSize(tif));
+    TIFFReadScanline(tif, t.firstRow.data(), 0);
+    TIFFClose(tif);
+    return t;
+}
+
+inline std::string RunCommand(const std::string& command) {
     std::string out;
     FILE* p = popen(command.c_str(), "r");
     if (p == nullptr) {
@@ -141,11 +167,16 @@ inline std::string RunCommand(const std::string& command, int* status = nullptr)
     while ((n = fread(buffer, 1, sizeof buffer, p)) > 0) {
         out.append(buffer, n);
     }
-    const int s = pclose(p);
-    if (status != nullptr) {
-        *status = s;
-    }
+    pclose(p);
     return out;
+}
+
+// The value of the first "key": in JSON text, without quotes; empty when absent.
+inline std::string JsonField(const std::string& json, const std::string& key) {
+    std::smatch m;
+    return std::regex_search(json, m, std::regex("\"" + key + "\"\\s*:\\s*\"?([^\",}\\n]*)"))
+               ? m[1].str()
+               : std::string();
 }
 
 // What ffprobe reads from the first video stream of a file.
@@ -157,44 +188,17 @@ struct ProbedStream {
     int frames = -1;
 };
 
-inline std::string JsonField(const std::string& json, const std::string& key) {
-    const std::string quoted = "\"" + key + "\"";
-    size_t at = json.find(quoted);
-    if (at == std::string::npos) {
-        return {};
-    }
-    at = json.find(':', at + quoted.size());
-    if (at == std::string::npos) {
-        return {};
-    }
-    ++at;
-    while (at < json.size() && (json[at] == ' ' || json[at] == '"')) {
-        ++at;
-    }
-    size_t end = at;
-    while (end < json.size() && json[end] != '"' && json[end] != ',' && json[end] != '\n' &&
-           json[end] != '}') {
-        ++end;
-    }
-    return json.substr(at, end - at);
-}
-
 inline ProbedStream Probe(const std::string& file) {
     const std::string json = RunCommand(
         "ffprobe -v error -count_frames -show_entries "
         "stream=width,height,pix_fmt,nb_read_frames,color_range -of json '" +
         file + "' 2>/dev/null");
-    ProbedStream s;
-    auto number = [&](const std::string& key) {
+    auto number = [&](const char* key) {
         const std::string v = JsonField(json, key);
         return v.empty() ? -1 : std::stoi(v);
     };
-    s.width = number("width");
-    s.height = number("height");
-    s.pixFmt = JsonField(json, "pix_fmt");
-    s.colorRange = JsonField(json, "color_range");
-    s.frames = number("nb_read_frames");
-    return s;
+    return {number("width"), number("height"), JsonField(json, "pix_fmt"),
+            JsonField(json, "color_range"), number("nb_read_frames")};
 }
 
 // The first sequence parameter set's value of an H.264 syntax element, -1 when absent.

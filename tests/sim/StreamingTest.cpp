@@ -2,10 +2,9 @@
 // the clock, so the sequences below are exact. These tests run the board's own thread.
 #include <gtest/gtest.h>
 
-#include <jpeglib.h>
-
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -25,70 +24,50 @@ struct DeliveredFrame {
     std::vector<uint8_t> pixels;
 };
 
-// Plays the application's frame-ready handler: reads buffers in ring order, as the grab engine
-// does.
+// Records every frame event, with its thread, and plays the application's frame-ready handler:
+// it reads buffers in ring order, as the grab engine does.
 class Consumer {
   public:
-    explicit Consumer(Board& board) : board_(board) {}
-
-    void attach() {
+    explicit Consumer(Board& board) : board_(board) {
         for (uint32_t e : {1u, 2u, 3u, 4u}) {
-            ASSERT_TRUE(board_.registerCallback(e, &Consumer::onEvent, this).ok());
+            EXPECT_TRUE(board_.registerCallback(e, &Consumer::onEvent, this).ok());
         }
     }
 
     static void onEvent(uint32_t event, void* context) {
         auto* self = static_cast<Consumer*>(context);
-        std::lock_guard lock(self->mutex_);
-        self->events_.push_back(event);
-        self->threads_.push_back(std::this_thread::get_id());
+        test::EventRecorder::callback(event, &self->events);
         if (event != ORVIX_EVENT_FRAME_READY) {
             return;
         }
-        uint32_t count = 0;
-        self->board_.getInfo(ORVIX_BUFFER_COUNT, count);
-        DeliveredFrame f{self->next_ % count, {}, {}};
-        ++self->next_;
-        self->board_.bufferStatus(f.buffer, f.status);
+        std::lock_guard lock(self->mutex_);
+        Board& b = self->board_;
+        DeliveredFrame f{self->next_++ % test::got(b, ORVIX_BUFFER_COUNT), {}, {}};
+        b.bufferStatus(f.buffer, f.status);
         void* address = nullptr;
-        self->board_.bufferAddress(f.buffer, address);
-        uint32_t size = 0;
-        self->board_.getInfo(ORVIX_FRAME_SIZE, size);
-        if (self->board_.config().modelCode() == 10 && f.status.compressedSize != 0) {
-            size = static_cast<uint32_t>(f.status.compressedSize);
-        }
+        b.bufferAddress(f.buffer, address);
+        const uint64_t size =
+            f.status.compressedSize != 0 ? f.status.compressedSize : test::got(b, ORVIX_FRAME_SIZE);
         const auto* bytes = static_cast<const uint8_t*>(address);
         f.pixels.assign(bytes, bytes + size);
         self->frames_.push_back(std::move(f));
     }
 
-    std::vector<uint32_t> events() const {
-        std::lock_guard lock(mutex_);
-        return events_;
-    }
     std::vector<DeliveredFrame> frames() const {
         std::lock_guard lock(mutex_);
         return frames_;
-    }
-    size_t count(uint32_t event) const {
-        std::lock_guard lock(mutex_);
-        return static_cast<size_t>(std::count(events_.begin(), events_.end(), event));
     }
     // A new grab starts again at buffer 0, as the application's handler does.
     void restart() {
         std::lock_guard lock(mutex_);
         next_ = 0;
     }
-    std::vector<std::thread::id> threads() const {
-        std::lock_guard lock(mutex_);
-        return threads_;
-    }
+
+    test::EventRecorder events;
 
   private:
     Board& board_;
     mutable std::mutex mutex_;
-    std::vector<uint32_t> events_;
-    std::vector<std::thread::id> threads_;
     std::vector<DeliveredFrame> frames_;
     uint32_t next_ = 0;
 };
@@ -99,83 +78,81 @@ class StreamingThreadTest : public ::testing::Test {
         board_ = std::make_unique<Board>(config);
         ASSERT_TRUE(board_->streamer().setManualClock(true).ok());
         consumer_ = std::make_unique<Consumer>(*board_);
-        consumer_->attach();
+    }
+    // A small board, changed by `adjust`.
+    void openSmall(const std::function<void(BoardConfig&)>& adjust = {}) {
+        BoardConfig c = test::smallBoard();
+        if (adjust) {
+            adjust(c);
+        }
+        open(c);
+    }
+    void openTriggered() {
+        openSmall();
+        ASSERT_TRUE(board_->setInfo(ORVIX_BOARD_TRIGGER_MODE, 1).ok());
     }
 
     std::vector<uint8_t> expectedFrame(uint64_t number) const {
-        FrameFormat f;
-        f.width = board_->config().width;
-        f.height = board_->config().height;
-        f.imageType = board_->config().imageType;
-        f.bits = board_->config().dataFormat;
-        f.bayer = board_->config().bayer;
-        PatternGenerator g(f, board_->config().pattern,
-                           board_->config().level.value_or(PatternGenerator::halfRange(f)),
-                           board_->config().defects);
-        std::vector<uint8_t> out(f.frameBytes());
-        g.render(number, out.data());
-        return out;
+        const BoardConfig& c = board_->config();
+        const FrameFormat f = test::fmt(c.width, c.height, c.imageType, c.dataFormat, c.bayer);
+        const uint32_t level = c.level.value_or(PatternGenerator::halfRange(f));
+        return test::renderFrame(PatternGenerator(f, c.pattern, level, c.defects), number);
     }
 
-    uint32_t info(uint32_t id) {
-        uint32_t v = 0;
-        EXPECT_TRUE(board_->getInfo(id, v).ok()) << std::hex << id;
-        return v;
-    }
+    uint32_t info(uint32_t id) { return test::got(*board_, id); }
+    Status advanceFrames(uint32_t n) { return board_->streamer().advanceFrames(n); }
+    Status advanceTime(Nanos step) { return board_->streamer().advanceTime(step); }
+    std::vector<uint32_t> events() const { return consumer_->events.events(); }
+    size_t frameCount() const { return consumer_->frames().size(); }
 
     std::unique_ptr<Board> board_;
     std::unique_ptr<Consumer> consumer_;
 };
 
 TEST_F(StreamingThreadTest, ContinuousGrabDeliversExactFramesInRingOrder) {
-    BoardConfig c = test::smallBoard();
-    c.buffers = 4;
-    open(c);
+    openSmall([](BoardConfig& c) { c.buffers = 4; });
     ASSERT_TRUE(board_->startGrab(0).ok());
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 1u);
-    EXPECT_TRUE(consumer_->events().empty()) << "no frame before the clock moves";
-    ASSERT_TRUE(board_->streamer().advanceFrames(10).ok());
+    EXPECT_TRUE(events().empty()) << "no frame before the clock moves";
+    ASSERT_TRUE(advanceFrames(10).ok());
 
     std::vector<uint32_t> expected;
     for (int i = 0; i < 10; ++i) {
-        expected.push_back(ORVIX_EVENT_FRAME_START);
-        expected.push_back(ORVIX_EVENT_FRAME_READY);
+        expected.insert(expected.end(), {ORVIX_EVENT_FRAME_START, ORVIX_EVENT_FRAME_READY});
     }
-    EXPECT_EQ(consumer_->events(), expected);
+    EXPECT_EQ(events(), expected);
     auto frames = consumer_->frames();
     ASSERT_EQ(frames.size(), 10u);
     for (uint32_t k = 0; k < 10; ++k) {
-        const DeliveredFrame& f = frames[k];
-        EXPECT_EQ(f.buffer, k % 4);
-        EXPECT_EQ(f.status.ready, 1u);
-        EXPECT_EQ(f.status.overflow, 0u);
-        EXPECT_EQ(f.status.incomplete, 0u);
-        EXPECT_EQ(f.status.frameNumber, k);
-        EXPECT_DOUBLE_EQ(f.status.time,
+        SCOPED_TRACE(k);
+        const OrvixBufferStatus& s = frames[k].status;
+        EXPECT_EQ(frames[k].buffer, k % 4);
+        EXPECT_EQ(s.ready, 1u);
+        EXPECT_EQ(s.overflow, 0u);
+        EXPECT_EQ(s.incomplete, 0u);
+        EXPECT_EQ(s.frameNumber, k);
+        EXPECT_DOUBLE_EQ(s.time,
                          static_cast<double>(Period::perSecond(60).times(k + 1).count()) / 1e9);
-        EXPECT_EQ(f.pixels, expectedFrame(k)) << "frame " << k;
+        EXPECT_EQ(frames[k].pixels, expectedFrame(k));
     }
-    for (std::thread::id t : consumer_->threads()) {
-        EXPECT_NE(t, std::this_thread::get_id()) << "callbacks run on the board's own thread";
+    for (const test::RecordedEvent& e : consumer_->events.all()) {
+        EXPECT_NE(e.thread, std::this_thread::get_id()) << "callbacks run on the board's thread";
     }
     EXPECT_EQ(info(ORVIX_FRAME_LOST), 0u);
-    double rate = board_->frameRate();
-    EXPECT_NEAR(rate, 60.0, 1e-3);
+    EXPECT_NEAR(board_->frameRate(), 60.0, 1e-3);
     ASSERT_TRUE(board_->stopGrab().ok());
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u);
     EXPECT_EQ(board_->frameRate(), 0.0);
-    EXPECT_EQ(board_->streamer().advanceFrames(1).code, ORVIX_ERR_NOT_GRABBING);
+    EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_NOT_GRABBING);
 }
 
 TEST_F(StreamingThreadTest, AConsumerAWholeRingBehindLosesTheOldestFrames) {
-    BoardConfig c = test::smallBoard();
-    c.buffers = 8;
-    open(c);
+    openSmall([](BoardConfig& c) { c.buffers = 8; });
     ASSERT_TRUE(board_->startGrab(0).ok());
     // 20 frame periods pass before the board gets to deliver anything.
-    ASSERT_TRUE(board_->streamer().advanceTime(Period::perSecond(60).times(20)).ok());
+    ASSERT_TRUE(advanceTime(Period::perSecond(60).times(20)).ok());
     EXPECT_EQ(info(ORVIX_FRAME_LOST), 12u);
-    EXPECT_EQ(consumer_->count(ORVIX_EVENT_FRAME_LOST), 12u);
+    EXPECT_EQ(consumer_->events.count(ORVIX_EVENT_FRAME_LOST), 12u);
     auto frames = consumer_->frames();
     ASSERT_EQ(frames.size(), 8u);
     for (uint32_t i = 0; i < 8; ++i) {
@@ -184,20 +161,17 @@ TEST_F(StreamingThreadTest, AConsumerAWholeRingBehindLosesTheOldestFrames) {
         EXPECT_EQ(frames[i].pixels, expectedFrame(12 + i));
     }
     // Exactly a ring behind loses nothing.
-    ASSERT_TRUE(board_->streamer()
-                    .advanceTime(Period::perSecond(60).times(28) - Period::perSecond(60).times(20))
-                    .ok());
+    ASSERT_TRUE(
+        advanceTime(Period::perSecond(60).times(28) - Period::perSecond(60).times(20)).ok());
     EXPECT_EQ(info(ORVIX_FRAME_LOST), 12u);
-    EXPECT_EQ(consumer_->frames().size(), 16u);
+    EXPECT_EQ(frameCount(), 16u);
 }
 
 TEST_F(StreamingThreadTest, TimedOutFramesStartButNeverComplete) {
-    BoardConfig c = test::smallBoard();
-    c.timeoutEvery = 3;
-    open(c);
+    openSmall([](BoardConfig& c) { c.timeoutEvery = 3; });
     ASSERT_TRUE(board_->startGrab(0).ok());
-    ASSERT_TRUE(board_->streamer().advanceFrames(6).ok());
-    EXPECT_EQ(consumer_->events(), (std::vector<uint32_t>{4, 1, 4, 1, 4, 2, 4, 1, 4, 1, 4, 2}));
+    ASSERT_TRUE(advanceFrames(6).ok());
+    EXPECT_EQ(events(), (std::vector<uint32_t>{4, 1, 4, 1, 4, 2, 4, 1, 4, 1, 4, 2}));
     auto frames = consumer_->frames();
     ASSERT_EQ(frames.size(), 4u);
     const uint32_t numbers[] = {0, 1, 3, 4};
@@ -208,12 +182,10 @@ TEST_F(StreamingThreadTest, TimedOutFramesStartButNeverComplete) {
 }
 
 TEST_F(StreamingThreadTest, SingleShotReturnsWithTheFrameInBufferZero) {
-    BoardConfig c = test::smallBoard();
-    c.pattern = Pattern::Checker;
-    open(c);
+    openSmall([](BoardConfig& c) { c.pattern = Pattern::Checker; });
     ASSERT_TRUE(board_->startGrab(1).ok());
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u) << "a single shot is over when it returns";
-    EXPECT_EQ(consumer_->events(), (std::vector<uint32_t>{4, 1}));
+    EXPECT_EQ(events(), (std::vector<uint32_t>{4, 1}));
     OrvixBufferStatus s{};
     ASSERT_TRUE(board_->bufferStatus(0, s).ok());
     EXPECT_EQ(s.ready, 1u);
@@ -226,37 +198,32 @@ TEST_F(StreamingThreadTest, SingleShotReturnsWithTheFrameInBufferZero) {
     ASSERT_TRUE(board_->startGrab(1).ok());
     ASSERT_TRUE(board_->bufferStatus(0, s).ok());
     EXPECT_EQ(s.frameNumber, 0u);
-    EXPECT_EQ(consumer_->frames().size(), 2u);
+    EXPECT_EQ(frameCount(), 2u);
 }
 
 TEST_F(StreamingThreadTest, SingleShotFailuresCarryTheirCodes) {
     for (uint32_t code : {40u, 42u, 77u}) {
-        BoardConfig c = test::smallBoard();
-        c.singleShotError = code;
-        open(c);
-        Status s = board_->startGrab(1);
-        EXPECT_EQ(s.code, static_cast<int32_t>(code));
+        openSmall([code](BoardConfig& c) { c.singleShotError = code; });
+        EXPECT_EQ(board_->startGrab(1).code, static_cast<int32_t>(code));
         EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u);
         EXPECT_TRUE(board_->startGrab(0).ok()) << "continuous grabs are not affected";
         board_->stopGrab();
     }
-    BoardConfig c = test::smallBoard();
-    c.timeoutEvery = 1;
-    open(c);
+    openSmall([](BoardConfig& c) { c.timeoutEvery = 1; });
     EXPECT_EQ(board_->startGrab(1).code, ORVIX_ERR_TIMEOUT);
-    EXPECT_EQ(consumer_->events(), (std::vector<uint32_t>{4, 2}));
+    EXPECT_EQ(events(), (std::vector<uint32_t>{4, 2}));
 }
 
 TEST_F(StreamingThreadTest, ALimitedGrabEndsByItself) {
-    open(test::smallBoard());
+    openSmall();
     ASSERT_TRUE(board_->startGrab(3).ok());
-    EXPECT_EQ(board_->streamer().advanceFrames(5).code, ORVIX_ERR_NOT_GRABBING);
-    EXPECT_EQ(consumer_->frames().size(), 3u);
+    EXPECT_EQ(advanceFrames(5).code, ORVIX_ERR_NOT_GRABBING);
+    EXPECT_EQ(frameCount(), 3u);
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u);
 }
 
 TEST_F(StreamingThreadTest, GrabsRefuseToOverlapAndFrozenParametersWait) {
-    open(test::smallBoard());
+    openSmall();
     ASSERT_TRUE(board_->startGrab(0).ok());
     EXPECT_EQ(board_->startGrab(0).code, ORVIX_ERR_GRAB_RUNNING);
     EXPECT_EQ(board_->startGrab(1).code, ORVIX_ERR_GRAB_RUNNING);
@@ -274,14 +241,12 @@ TEST_F(StreamingThreadTest, GrabsRefuseToOverlapAndFrozenParametersWait) {
 }
 
 TEST_F(StreamingThreadTest, ANewGeometryResizesTheRing) {
-    BoardConfig c = test::smallBoard(64, 48);
-    c.buffers = 2;
-    open(c);
+    openSmall([](BoardConfig& c) { c.buffers = 2; });
     ASSERT_TRUE(board_->setInfo(ORVIX_IMAGE_TYPE, 1).ok());
     ASSERT_TRUE(board_->setInfo(ORVIX_DATA_FORMAT, 10).ok());
     ASSERT_TRUE(board_->setInfo(ORVIX_BUFFER_COUNT, 3).ok());
     ASSERT_TRUE(board_->startGrab(0).ok());
-    ASSERT_TRUE(board_->streamer().advanceFrames(3).ok());
+    ASSERT_TRUE(advanceFrames(3).ok());
     auto frames = consumer_->frames();
     ASSERT_EQ(frames.size(), 3u);
     EXPECT_EQ(frames[2].buffer, 2u);
@@ -291,14 +256,12 @@ TEST_F(StreamingThreadTest, ANewGeometryResizesTheRing) {
 }
 
 TEST_F(StreamingThreadTest, StopFailuresLeaveTheGrabRunning) {
-    BoardConfig c = test::smallBoard();
-    c.stopFailures = 2;
-    open(c);
+    openSmall([](BoardConfig& c) { c.stopFailures = 2; });
     ASSERT_TRUE(board_->startGrab(0).ok());
     EXPECT_EQ(board_->stopGrab().code, ORVIX_ERR_STOP_FAILED);
     EXPECT_EQ(board_->stopGrab().code, ORVIX_ERR_STOP_FAILED);
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 1u);
-    ASSERT_TRUE(board_->streamer().advanceFrames(1).ok()) << "still delivering";
+    ASSERT_TRUE(advanceFrames(1).ok()) << "still delivering";
     EXPECT_TRUE(board_->stopGrab().ok());
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u);
     EXPECT_TRUE(board_->stopGrab().ok()) << "stopping an idle board succeeds";
@@ -308,20 +271,18 @@ TEST_F(StreamingThreadTest, StopFailuresLeaveTheGrabRunning) {
 }
 
 TEST_F(StreamingThreadTest, TheCameraSignalIsLostAfterTheConfiguredTime) {
-    BoardConfig c = test::smallBoard();
-    c.signalLossAfterMs = 100;
-    open(c);
+    openSmall([](BoardConfig& c) { c.signalLossAfterMs = 100; });
     EXPECT_EQ(board_->cameraStatus(), 0x7);
     ASSERT_TRUE(board_->startGrab(0).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(99)).ok());
+    ASSERT_TRUE(advanceTime(milliseconds(99)).ok());
     EXPECT_EQ(board_->cameraStatus(), 0x7);
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(1)).ok());
+    ASSERT_TRUE(advanceTime(milliseconds(1)).ok());
     EXPECT_EQ(board_->cameraStatus(), 0);
     // Frames due before 100 ms (at 16.7, 33.3, 50, 66.7 and 83.3 ms) came; none after.
-    EXPECT_EQ(consumer_->frames().size(), 5u);
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(2000)).ok());
-    EXPECT_EQ(consumer_->frames().size(), 5u);
-    EXPECT_EQ(board_->streamer().advanceFrames(1).code, ORVIX_ERR_REFUSED);
+    EXPECT_EQ(frameCount(), 5u);
+    ASSERT_TRUE(advanceTime(milliseconds(2000)).ok());
+    EXPECT_EQ(frameCount(), 5u);
+    EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_REFUSED);
     EXPECT_EQ(board_->frameRate(), 0.0) << "a silent stream shows no rate";
     ASSERT_TRUE(board_->stopGrab().ok());
     EXPECT_EQ(board_->cameraStatus(), 0x7);
@@ -336,40 +297,39 @@ TEST_F(StreamingThreadTest, CoaXPressStatusShowsLinkAndSpeed) {
     open(c);
     EXPECT_EQ(board_->cameraStatus(), 0x13);
     ASSERT_TRUE(board_->startGrab(0).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(10)).ok());
+    ASSERT_TRUE(advanceTime(milliseconds(10)).ok());
     EXPECT_EQ(board_->cameraStatus(), 0);
 }
 
 TEST_F(StreamingThreadTest, LineScanIsPacedByTheLineRateAndReportsLines) {
-    BoardConfig c = test::smallBoard(64, 100);
-    c.scanType = 1;
-    c.lineRate = 5000;  // 100 lines: 50 frames per second
-    open(c);
+    openSmall([](BoardConfig& c) {
+        c.height = 100;
+        c.scanType = 1;
+        c.lineRate = 5000;  // 100 lines: 50 frames per second
+    });
     ASSERT_TRUE(board_->startGrab(0).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(100)).ok());
-    EXPECT_EQ(consumer_->frames().size(), 5u);
+    ASSERT_TRUE(advanceTime(milliseconds(100)).ok());
+    EXPECT_EQ(frameCount(), 5u);
     EXPECT_NEAR(board_->frameRate(), 5000.0, 1e-6);
 }
 
 TEST_F(StreamingThreadTest, TriggerModeWaitsForSoftwareTriggers) {
-    open(test::smallBoard());
-    ASSERT_TRUE(board_->setInfo(ORVIX_BOARD_TRIGGER_MODE, 1).ok());
+    openTriggered();
     ASSERT_TRUE(board_->setInfo(ORVIX_BOARD_TRIGGER_FRAME_COUNT, 3).ok());
     ASSERT_TRUE(board_->startGrab(0).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(1000)).ok());
-    EXPECT_TRUE(consumer_->frames().empty());
-    EXPECT_EQ(board_->streamer().advanceFrames(1).code, ORVIX_ERR_REFUSED);
+    ASSERT_TRUE(advanceTime(milliseconds(1000)).ok());
+    EXPECT_EQ(frameCount(), 0u);
+    EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_REFUSED);
 
     ASSERT_TRUE(board_->setInfo(ORVIX_SOFTWARE_TRIGGER_FIRE, 1).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(Nanos{0}).ok());
-    EXPECT_EQ(consumer_->frames().size(), 1u) << "the first frame comes with the trigger";
-    ASSERT_TRUE(board_->streamer().advanceFrames(2).ok());
-    EXPECT_EQ(consumer_->frames().size(), 3u);
-    EXPECT_EQ(board_->streamer().advanceFrames(1).code, ORVIX_ERR_REFUSED) << "burst over";
+    ASSERT_TRUE(advanceTime(Nanos{0}).ok());
+    EXPECT_EQ(frameCount(), 1u) << "the first frame comes with the trigger";
+    ASSERT_TRUE(advanceFrames(2).ok());
+    EXPECT_EQ(frameCount(), 3u);
+    EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_REFUSED) << "burst over";
     EXPECT_EQ(info(ORVIX_SOFTWARE_TRIGGER_FIRE), 0u);
     EXPECT_EQ(board_->setInfo(ORVIX_SOFTWARE_TRIGGER_FIRE, 2).code, ORVIX_ERR_OUT_OF_RANGE);
-    auto frames = consumer_->frames();
-    EXPECT_DOUBLE_EQ(frames[0].status.time, 1.0);
+    EXPECT_DOUBLE_EQ(consumer_->frames()[0].status.time, 1.0);
 }
 
 // Waits (without sleeping) until the board reports a running grab.
@@ -381,8 +341,7 @@ void waitGrabbing(Board& board) {
 }
 
 TEST_F(StreamingThreadTest, TriggeredSingleShotCompletesOnTheTrigger) {
-    open(test::smallBoard());
-    ASSERT_TRUE(board_->setInfo(ORVIX_BOARD_TRIGGER_MODE, 1).ok());
+    openTriggered();
     std::thread trigger([&] {
         waitGrabbing(*board_);
         board_->setInfo(ORVIX_SOFTWARE_TRIGGER_FIRE, 1);
@@ -390,28 +349,26 @@ TEST_F(StreamingThreadTest, TriggeredSingleShotCompletesOnTheTrigger) {
     Status s = board_->startGrab(1);
     trigger.join();
     EXPECT_TRUE(s.ok()) << s.text;
-    EXPECT_EQ(consumer_->frames().size(), 1u);
+    EXPECT_EQ(frameCount(), 1u);
 }
 
 TEST_F(StreamingThreadTest, TriggeredSingleShotTimesOutOnTheBoardClock) {
-    open(test::smallBoard());
-    ASSERT_TRUE(board_->setInfo(ORVIX_BOARD_TRIGGER_MODE, 1).ok());
+    openTriggered();
     ASSERT_TRUE(board_->setInfo(ORVIX_EXTERNAL_TRIGGER_TIMEOUT, 250).ok());
     std::thread clock([&] {
         waitGrabbing(*board_);
-        board_->streamer().advanceTime(milliseconds(249));
-        board_->streamer().advanceTime(milliseconds(1));
+        advanceTime(milliseconds(249));
+        advanceTime(milliseconds(1));
     });
     Status s = board_->startGrab(1);
     clock.join();
     EXPECT_EQ(s.code, ORVIX_ERR_TIMEOUT);
-    EXPECT_TRUE(consumer_->frames().empty());
+    EXPECT_EQ(frameCount(), 0u);
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u);
 }
 
 TEST_F(StreamingThreadTest, StoppingAWaitingSingleShotAbortsIt) {
-    open(test::smallBoard());
-    ASSERT_TRUE(board_->setInfo(ORVIX_BOARD_TRIGGER_MODE, 1).ok());
+    openTriggered();
     ASSERT_TRUE(board_->setInfo(ORVIX_EXTERNAL_TRIGGER_TIMEOUT, 0).ok());
     std::atomic<int32_t> secondStart{0};
     std::thread stopper([&] {
@@ -432,55 +389,51 @@ struct StopInside {
 };
 
 TEST_F(StreamingThreadTest, ACallbackMayStopTheGrab) {
-    open(test::smallBoard());
+    openSmall();
     StopInside ctx{board_.get(), 0, {}};
-    ASSERT_TRUE(board_
-                    ->registerCallback(
-                        ORVIX_EVENT_FRAME_READY,
-                        [](uint32_t, void* c) {
-                            auto* self = static_cast<StopInside*>(c);
-                            if (++self->frames == 3) {
-                                self->stop = self->board->stopGrab();
-                            }
-                        },
-                        &ctx)
-                    .ok());
+    auto onFrame = [](uint32_t, void* c) {
+        auto* self = static_cast<StopInside*>(c);
+        if (++self->frames == 3) {
+            self->stop = self->board->stopGrab();
+        }
+    };
+    ASSERT_TRUE(board_->registerCallback(ORVIX_EVENT_FRAME_READY, onFrame, &ctx).ok());
     ASSERT_TRUE(board_->startGrab(0).ok());
-    EXPECT_EQ(board_->streamer().advanceFrames(5).code, ORVIX_ERR_NOT_GRABBING);
+    EXPECT_EQ(advanceFrames(5).code, ORVIX_ERR_NOT_GRABBING);
     EXPECT_TRUE(ctx.stop.ok());
     EXPECT_EQ(ctx.frames, 3);
     ASSERT_TRUE(board_->startGrab(0).ok()) << "a new grab starts after a stop from a callback";
-    ASSERT_TRUE(board_->streamer().advanceFrames(1).ok());
+    ASSERT_TRUE(advanceFrames(1).ok());
 }
 
 TEST_F(StreamingThreadTest, SignalsEdgeOnlyWhileWatchedAndTheCountersAgree) {
-    BoardConfig c = test::smallBoard();
-    c.signalRates = {};
-    c.signalRates[1] = 100;   // General Input 1
-    c.signalRates[3] = 1000;  // Shaft Encoder A
-    open(c);
+    openSmall([](BoardConfig& c) {
+        c.signalRates = {};
+        c.signalRates[1] = 100;   // General Input 1
+        c.signalRates[3] = 1000;  // Shaft Encoder A
+    });
     test::EventRecorder rising, falling, encoder;
     const uint32_t input1Rising = ORVIX_SIGNAL_GENERAL_INPUT1 | ORVIX_SIGNAL_RISING_EDGE;
     const uint32_t input1Falling = ORVIX_SIGNAL_GENERAL_INPUT1 | ORVIX_SIGNAL_FALLING_EDGE;
     const uint32_t encoderRising = ORVIX_SIGNAL_SHAFT_ENCODER_A | ORVIX_SIGNAL_RISING_EDGE;
+    auto watch = [&](uint32_t event, test::EventRecorder& r) {
+        ASSERT_TRUE(board_->registerCallback(event, test::EventRecorder::callback, &r).ok());
+    };
 
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(100)).ok());
+    ASSERT_TRUE(advanceTime(milliseconds(100)).ok());
     ASSERT_TRUE(board_->setInfo(ORVIX_SIGNAL_COUNTER_CONTROL, 0).ok());
-    ASSERT_TRUE(
-        board_->registerCallback(input1Rising, test::EventRecorder::callback, &rising).ok());
-    ASSERT_TRUE(
-        board_->registerCallback(encoderRising, test::EventRecorder::callback, &encoder).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(1000)).ok());
+    watch(input1Rising, rising);
+    watch(encoderRising, encoder);
+    ASSERT_TRUE(advanceTime(milliseconds(1000)).ok());
     EXPECT_EQ(rising.count(input1Rising), 100u);
     EXPECT_EQ(encoder.count(encoderRising), 1000u);
     EXPECT_EQ(info(ORVIX_SIGNAL_COUNTER_BASE + 1), 100u);
     EXPECT_EQ(info(ORVIX_SIGNAL_COUNTER_BASE + 3), 1000u);
     EXPECT_EQ(info(ORVIX_SIGNAL_COUNTER_BASE + 2), 0u) << "an unwatched signal stays silent";
 
-    ASSERT_TRUE(
-        board_->registerCallback(input1Falling, test::EventRecorder::callback, &falling).ok());
+    watch(input1Falling, falling);
     ASSERT_TRUE(board_->setInfo(ORVIX_SIGNAL_COUNTER_CONTROL, 1).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(100)).ok());
+    ASSERT_TRUE(advanceTime(milliseconds(100)).ok());
     EXPECT_EQ(falling.count(input1Falling), 10u);
     EXPECT_EQ(rising.count(input1Rising), 110u);
     EXPECT_EQ(info(ORVIX_SIGNAL_COUNTER_BASE + 1), 100u) << "held";
@@ -488,10 +441,10 @@ TEST_F(StreamingThreadTest, SignalsEdgeOnlyWhileWatchedAndTheCountersAgree) {
 
     ASSERT_TRUE(board_->setInfo(ORVIX_SIGNAL_COUNTER_CONTROL, 0).ok());
     EXPECT_EQ(info(ORVIX_SIGNAL_COUNTER_BASE + 1), 0u) << "0 clears";
-    ASSERT_TRUE(board_->unregisterCallback(input1Rising).ok());
-    ASSERT_TRUE(board_->unregisterCallback(input1Falling).ok());
-    ASSERT_TRUE(board_->unregisterCallback(encoderRising).ok());
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(1000)).ok());
+    for (uint32_t event : {input1Rising, input1Falling, encoderRising}) {
+        ASSERT_TRUE(board_->unregisterCallback(event).ok());
+    }
+    ASSERT_TRUE(advanceTime(milliseconds(1000)).ok());
     EXPECT_EQ(rising.count(input1Rising), 110u);
     EXPECT_EQ(info(ORVIX_SIGNAL_COUNTER_BASE + 1), 0u);
     EXPECT_EQ(board_->setInfo(ORVIX_SIGNAL_COUNTER_BASE + 1, 0).code, ORVIX_ERR_REFUSED);
@@ -520,17 +473,10 @@ TEST_F(StreamingThreadTest, ModelTenBoardsDeliverJpegFrames) {
     EXPECT_EQ(jpeg[1], 0xD8);
     EXPECT_EQ(jpeg[jpeg.size() - 2], 0xFF);
     EXPECT_EQ(jpeg[jpeg.size() - 1], 0xD9);
-
-    jpeg_decompress_struct cinfo{};
-    jpeg_error_mgr err{};
-    cinfo.err = jpeg_std_error(&err);
-    jpeg_create_decompress(&cinfo);
-    jpeg_mem_src(&cinfo, jpeg.data(), static_cast<unsigned long>(jpeg.size()));
-    ASSERT_EQ(jpeg_read_header(&cinfo, TRUE), JPEG_HEADER_OK);
-    EXPECT_EQ(cinfo.image_width, 64u);
-    EXPECT_EQ(cinfo.image_height, 48u);
-    EXPECT_EQ(cinfo.num_components, 1);
-    jpeg_destroy_decompress(&cinfo);
+    test::DecodedJpeg d = test::decodeJpeg(jpeg.data(), jpeg.size(), false);
+    EXPECT_EQ(d.width, 64u);
+    EXPECT_EQ(d.height, 48u);
+    EXPECT_EQ(d.components, 1);
 
     // Without compression the same board delivers raw frames with no compressed size.
     ASSERT_TRUE(board_->setInfo(ORVIX_JPEG_COMPRESS_ENABLE, 0).ok());
@@ -543,12 +489,12 @@ TEST_F(StreamingThreadTest, ModelTenBoardsDeliverJpegFrames) {
 
 TEST_F(StreamingThreadTest, TheManualClockIsOnlyMovedWhenOn) {
     board_ = std::make_unique<Board>(test::smallBoard());
-    EXPECT_EQ(board_->streamer().advanceFrames(1).code, ORVIX_ERR_REFUSED);
-    EXPECT_EQ(board_->streamer().advanceTime(milliseconds(1)).code, ORVIX_ERR_REFUSED);
+    EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_REFUSED);
+    EXPECT_EQ(advanceTime(milliseconds(1)).code, ORVIX_ERR_REFUSED);
     ASSERT_TRUE(board_->streamer().setManualClock(true).ok());
     EXPECT_EQ(board_->streamer().now(), Nanos{0});
-    EXPECT_EQ(board_->streamer().advanceFrames(1).code, ORVIX_ERR_NOT_GRABBING);
-    ASSERT_TRUE(board_->streamer().advanceTime(milliseconds(5)).ok());
+    EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_NOT_GRABBING);
+    ASSERT_TRUE(advanceTime(milliseconds(5)).ok());
     EXPECT_EQ(board_->streamer().now(), Nanos{milliseconds(5)});
 }
 
