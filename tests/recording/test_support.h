@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -173,10 +172,16 @@ inline std::string RunCommand(const std::string& command) {
 
 // The value of the first "key": in JSON text, without quotes; empty when absent.
 inline std::string JsonField(const std::string& json, const std::string& key) {
-    std::smatch m;
-    return std::regex_search(json, m, std::regex("\"" + key + "\"\\s*:\\s*\"?([^\",}\\n]*)"))
-               ? m[1].str()
-               : std::string();
+    // A plain scan: std::regex trips GCC 12's uninitialised-use warning under the sanitizers.
+    const std::string quoted = "\"" + key + "\"";
+    size_t at = json.find(quoted);
+    at = at == std::string::npos ? at : json.find(':', at + quoted.size());
+    if (at == std::string::npos) {
+        return {};
+    }
+    at = json.find_first_not_of(" \"", at + 1);
+    const size_t end = std::min(json.find_first_of("\",}\n", at), json.size());
+    return at == std::string::npos ? std::string() : json.substr(at, end - at);
 }
 
 // What ffprobe reads from the first video stream of a file.
