@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-#include "support/tool_run.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -14,21 +13,13 @@
 #include <iterator>
 #include <string>
 
+#include "support/tool_json.h"
+
 namespace {
 
+using lumetra::test::jsonOf;
+using lumetra::test::logOf;
 using lumetra::test::ToolRun;
-
-QJsonObject jsonOf(const ToolRun& r) {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(r.out)).object();
-}
-
-QStringList logOf(const ToolRun& r) {
-    QStringList lines;
-    for (const QJsonValue& v : jsonOf(r)["log"].toArray()) {
-        lines << v.toString();
-    }
-    return lines;
-}
 
 std::string Text(const QJsonValue& v) {
     return QJsonDocument(QJsonArray{v}).toJson(QJsonDocument::Compact).toStdString();

@@ -9,23 +9,13 @@
 #include <fstream>
 #include <string>
 
-#include "support/tool_run.h"
+#include "support/tool_json.h"
 
 namespace {
 
+using lumetra::test::jsonOf;
+using lumetra::test::logOf;
 using lumetra::test::ToolRun;
-
-QJsonObject jsonOf(const ToolRun& r) {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(r.out)).object();
-}
-
-QStringList logOf(const ToolRun& r) {
-    QStringList lines;
-    for (const QJsonValue& v : jsonOf(r)["log"].toArray()) {
-        lines << v.toString();
-    }
-    return lines;
-}
 
 class CliTest : public ::testing::Test {
   protected:
