@@ -14,8 +14,9 @@ const std::vector<Command> kCommands = {
     {"grab", RunGrab,
      "grab --once | --frames N | --seconds S [--record FILE.h264]\n"
      "        [--save DIR/NAME.EXT --count N] [--snapshot FILE] [--lzw] [--dpi X,Y]\n"
-     "                              grab frames, record them as H.264 or numbered images;\n"
-     "                              prints framesGrabbed, framesDisplayed, framesLost and fps"},
+     "                              grab frames, record them as H.264 or numbered images\n"
+     "                              (DIR is made when missing); prints framesGrabbed,\n"
+     "                              framesDisplayed, framesLost and fps"},
     {"analyze", RunAnalyze,
      "analyze FILE | --grab [--bits B] [--row R] [--col C] [--channel K]\n"
      "        [--roi X0,Y0,X1,Y1] [--bad MODE,LOW,HIGH,HCOUNT,VCOUNT [--frames N] [--csv FILE]\n"

@@ -5,6 +5,7 @@
 #include <QJsonObject>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 
 #include "acquisition/grab_controller.h"
@@ -194,6 +195,16 @@ int RunGrab(Session& s) {
     if (!o.save.empty() && !SplitSequencePath(o.save, sequence.base, sequence.extension)) {
         args.Error("--save needs DIR/NAME.EXT, not '" + o.save + "'");
         return 2;
+    }
+    if (!o.save.empty()) {
+        // The command line names the folder to fill, as a save dialog would let one make it.
+        const std::filesystem::path folder = std::filesystem::path(o.save).parent_path();
+        std::error_code ec;
+        if (!folder.empty() && !std::filesystem::is_directory(folder, ec) &&
+            !std::filesystem::create_directories(folder, ec)) {
+            args.Error("cannot make the folder '" + folder.string() + "': " + ec.message());
+            return 2;
+        }
     }
     if (!o.snapshot.empty() && ImageFileTypeOf(o.snapshot) == ImageFileType::kUnknown) {
         args.Error("--snapshot needs a .bmp, .jpg, .png, .tif or .raw file, not '" + o.snapshot +

@@ -56,17 +56,17 @@ TEST_F(RecordingCli, FullDiskEndsTheRecordingWithItsText) {
     EXPECT_NE(r.err.find("Failed to write data, Exit saving"), std::string::npos) << r.err;
 }
 
-TEST_F(RecordingCli, SavesANumberedSequenceUntilTheCount) {
-    const ToolRun r = run("grab --save '" + (dir / "img.png") + "' --count 4 --json");
+TEST_F(RecordingCli, SavesANumberedSequenceUntilTheCountMakingItsFolder) {
+    const ToolRun r = run("grab --save '" + (dir / "shots/img.png") + "' --count 4 --json");
     ASSERT_EQ(r.status, 0) << r.err << r.out;
     for (int i = 1; i <= 4; ++i) {
-        const std::string name = dir / ("img-000" + std::to_string(i) + ".png");
+        const std::string name = dir / ("shots/img-000" + std::to_string(i) + ".png");
         const cv::Mat image = cv::imread(name, cv::IMREAD_UNCHANGED);
         ASSERT_FALSE(image.empty()) << name;
         EXPECT_EQ(image.cols, 1920);
         EXPECT_EQ(image.rows, 1200);
     }
-    EXPECT_FALSE(std::filesystem::exists(dir / "img-0005.png"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "shots/img-0005.png"));
     EXPECT_NE(r.out.find("\"saved\": 4"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\"requested\": 4"), std::string::npos) << r.out;
 }
