@@ -2,7 +2,8 @@
 // frame lock and then the detector's own lock, releases both and starts one worker thread. With
 // several frames the worker takes each new frame offered through NewFrame() in turn, counting
 // the remaining frames down. The end is posted (analysis_msg::kBadPixelDone, wParam 1 when a list
-// was capped: the dialog then shows kTooMuchBadDataText); the result list is read after that.
+// was capped: the dialog then shows kTooMuchBadDataText); the result list is read after that. The
+// post is the worker's last act: its handler finds the lists in place and running() false.
 //
 // Thread: the public members are for the dialog's thread.
 #pragma once

@@ -72,7 +72,8 @@ bool FindRoiBadPixels(const FrameCopy& frame, const PixelArea& area,
                       const RowObserver* observer = nullptr);
 
 // "Start" / "Stop" with one worker thread per start; the end is posted as
-// analysis_msg::kRoiBadPixelDone. Thread: the public members are for the dialog's thread.
+// analysis_msg::kRoiBadPixelDone, the worker's last act: its handler finds the result in place and
+// running() false. Thread: the public members are for the dialog's thread.
 class RoiBadPixelDetector {
   public:
     RoiBadPixelDetector(MessageSink& sink, Prompt& prompt,

@@ -44,11 +44,11 @@ void ImageSaveWorker::Run(cv::Mat image, std::string path, ImageSaveOptions opti
     lastSucceeded_ = ok;
     if (!ok) {
         log_.log(SaveFailedText(path, error));
-    }
-    busy_ = false;
-    if (ok && sink_ != nullptr) {
+    } else if (sink_ != nullptr) {
         sink_->post(msg::kImageSaved, 0, 0);
     }
+    // Last: whoever sees the worker idle sees its report too.
+    busy_.store(false, std::memory_order_release);
 }
 
 void ImageSaveWorker::Wait() {

@@ -32,7 +32,8 @@ class ImageSaveWorker {
     // The same for an image already copied.
     bool Save(cv::Mat image, const std::string& path, const ImageSaveOptions& options);
 
-    bool busy() const { return busy_; }
+    // False again as the worker's last act, after its log line or 0x4A0.
+    bool busy() const { return busy_.load(std::memory_order_acquire); }
     // Waits for the save under way, if any. Thread: the user-interface thread.
     void Wait();
     // Whether the last finished save succeeded.

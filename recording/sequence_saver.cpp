@@ -229,10 +229,18 @@ void SequenceSaver::WorkerLoop() {
             stopping_ = true;
         }
     }
+    // The end, in the order a reader of finished() relies on: no frame is taken any more, the
+    // queue's memory is back, the counters are final and the summary is out; finished comes last.
     enabled_ = false;
-    finished_ = true;
+    {
+        std::lock_guard lock(mutex_);
+        free_.clear();
+        free_.shrink_to_fit();
+        queue_.clear();
+    }
     log_.log("Image sequence: " + std::to_string(saved_) + " of " + std::to_string(requested_) +
              " frames saved, " + std::to_string(missed_) + " missed\n");
+    finished_.store(true, std::memory_order_release);
 }
 
 }  // namespace lumetra

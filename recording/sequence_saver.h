@@ -68,8 +68,9 @@ class SequenceSaver final : public FrameConsumer {
     void stop() override { Stop(); }
 
     bool enabled() const { return enabled_; }
-    // Whether the worker has ended: the count is saved, a write failed, or Stop ran.
-    bool finished() const { return finished_; }
+    // Whether the worker has ended: the count is saved, a write failed, or Stop ran. Its last
+    // act: whoever reads true sees the final counters and the summary line already logged.
+    bool finished() const { return finished_.load(std::memory_order_acquire); }
     int requested() const { return requested_; }
     int accepted() const { return accepted_; }
     int saved() const { return saved_; }

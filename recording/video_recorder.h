@@ -48,7 +48,9 @@ struct RecorderLinks {
 };
 
 // Thread: OpenEncoder, Stop and NextFileName on the user-interface thread; PushFrame (and push)
-// on the board library's callback thread; the worker on its own.
+// on the board library's callback thread; the worker on its own. The worker's last act is posting
+// 0x496: whoever handles it finds the file closed and every figure final. running() drops
+// earlier, as soon as frames are refused.
 class VideoRecorder final : public FrameConsumer {
   public:
     explicit VideoRecorder(const RecorderLinks& links = {});

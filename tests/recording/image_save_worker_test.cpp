@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <opencv2/imgcodecs.hpp>
 
 #include "test_support.h"
@@ -73,6 +74,32 @@ TEST_F(ImageSaveWorkerThreads, FailuresAreLoggedWithPathAndReasonAndPostNothing)
                                "Save image fail: " + path +
                                    ": cannot create the file (No such file or directory)\n",
                                "Save image fail: " + (dir / "a.png") + ": there is no image\n"}));
+}
+
+// busy() false is the worker's last act: the report, a post or a log line, is out before it.
+TEST_F(ImageSaveWorkerThreads, TheReportIsOutBeforeBusyClears) {
+    struct Watching final : MessageSink, MessageLog {
+        void post(uint32_t, intptr_t, intptr_t) override { note(); }
+        intptr_t send(uint32_t, intptr_t, intptr_t) override { return 0; }
+        void log(std::string_view) override { note(); }
+        void note() {
+            ++reports;
+            idleAtReport += worker->busy() ? 0 : 1;
+        }
+        const ImageSaveWorker* worker = nullptr;
+        std::atomic<int> reports{0};
+        std::atomic<int> idleAtReport{0};
+    } watching;
+    ImageSaveWorker watched(watching, &watching);
+    watching.worker = &watched;
+    for (const std::string& path : {dir / "ok.png", dir / "missing/no.png"}) {
+        ASSERT_TRUE(watched.SaveFrame(frame, path, {}));
+        while (watched.busy()) {
+        }
+        watched.Wait();
+    }
+    EXPECT_EQ(watching.reports, 2);
+    EXPECT_EQ(watching.idleAtReport, 0);
 }
 
 TEST_F(ImageSaveWorkerThreads, BusyRefusesASecondSaveUntilTheFirstEnds) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <opencv2/imgcodecs.hpp>
@@ -193,6 +194,50 @@ TEST_F(SequenceSaving, AFailedWriteEndsTheSequenceAndNamesTheFile) {
     const auto lines = log.lines();
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[0], "Save image fail: " + (dir / "seq-0002.png") + ": disk gone\n");
+}
+
+// finished() is the worker's last act. The log looks at finished() as the summary arrives, which
+// catches the wrong order every time; the poller checks what a reader of finished() sees.
+TEST_F(SequenceSaving, TheSummaryIsLoggedBeforeFinishedReadsTrue) {
+    class WatchingLog final : public MessageLog {
+      public:
+        explicit WatchingLog(const SequenceSaver*& saver) : saver_(saver) {}
+        void log(std::string_view text) override {
+            if (saver_->finished()) {
+                ++loggedAfterFinished;
+            }
+            lines.log(text);
+        }
+        std::atomic<int> loggedAfterFinished{0};
+        test::RecordingLog lines;
+
+      private:
+        const SequenceSaver*& saver_;
+    };
+    const SequenceSaver* watched = nullptr;
+    WatchingLog watching(watched);
+    SequenceSaver quick(watching);
+    watched = &quick;
+    quick.setWriter([](const cv::Mat&, const std::string&, const ImageSaveOptions&, std::string&) {
+        return true;
+    });
+    for (int run = 0; run < 300; ++run) {
+        watching.lines.clear();
+        ASSERT_TRUE(quick.Start(Request(1, "raw", 2), error)) << error;
+        std::vector<std::string> seen;
+        std::thread reader([&] {
+            while (!quick.finished()) {
+            }
+            seen = watching.lines.lines();
+        });
+        const std::vector<uint8_t> f(16 * 8, 7);
+        quick.push(f.data(), f.size(), false);
+        reader.join();
+        ASSERT_FALSE(seen.empty()) << "run " << run;
+        ASSERT_EQ(seen.back(), "Image sequence: 1 of 1 frames saved, 0 missed\n") << "run " << run;
+        quick.Stop();
+    }
+    EXPECT_EQ(watching.loggedAfterFinished, 0);
 }
 
 TEST_F(SequenceSaving, StartRefusesWhatCannotBeSaved) {
