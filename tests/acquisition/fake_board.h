@@ -6,11 +6,14 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <ostream>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "acquisition/board_library.h"
+#include "acquisition/clock.h"
 #include "support/recording_log.h"
 
 namespace lumetra::test {
@@ -21,6 +24,11 @@ struct FakeCall {
     uint32_t value = 0;
     bool operator==(const FakeCall&) const = default;
 };
+
+// How GoogleTest shows a call in a failed comparison.
+inline void PrintTo(const FakeCall& c, std::ostream* os) {
+    *os << c.fn << "(0x" << std::hex << c.id << std::dec << ", " << c.value << ")";
+}
 
 struct FakeBoard {
     std::string name = "Fake CL Board";
@@ -190,6 +198,30 @@ class FakeBoardLibrary final : public BoardLibrary {
         }
         return out;
     }
+};
+
+// A manual clock whose sleeps on the thread that made it go into the library's call log as
+// {"sleep", 0, ms}: a test then sees every wait in order with the calls around it. Sleeps on
+// other threads (the display thread's pacing) only move the time.
+class SleepLoggingClock final : public Clock {
+  public:
+    explicit SleepLoggingClock(FakeBoardLibrary& lib)
+        : lib_(lib), owner_(std::this_thread::get_id()) {}
+    time_point now() const override { return clock_.now(); }
+    void sleepFor(duration d) override {
+        if (std::this_thread::get_id() == owner_) {
+            lib_.record("sleep", 0,
+                        static_cast<uint32_t>(
+                            std::chrono::duration_cast<std::chrono::milliseconds>(d).count()));
+        }
+        clock_.sleepFor(d);
+    }
+    void advance(duration d) { clock_.advance(d); }
+
+  private:
+    FakeBoardLibrary& lib_;
+    std::thread::id owner_;
+    ManualClock clock_;
 };
 
 // Collects log lines.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 
 #include "fake_board.h"
 
@@ -11,9 +12,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A recorder stand-in: counts the frames it was given.
+// A recorder stand-in: counts the frames it was given; its stops go into a call log when given one.
 class CountingConsumer final : public FrameConsumer {
   public:
+    CountingConsumer() = default;
+    CountingConsumer(FakeBoardLibrary& lib, const char* name) : lib_(&lib), name_(name) {}
     bool wantsFrames() const override { return wants; }
     void push(const void* address, size_t size, bool jpeg) override {
         ++frames;
@@ -21,20 +24,29 @@ class CountingConsumer final : public FrameConsumer {
         lastJpeg = jpeg;
         lastFirstByte = *static_cast<const uint8_t*>(address);
     }
-    void stop() override { ++stops; }
+    void stop() override {
+        ++stops;
+        if (lib_ != nullptr) {
+            lib_->record(name_);
+        }
+    }
     bool wants = true;
     std::atomic<int> frames{0};
     std::atomic<int> stops{0};
     size_t lastSize = 0;
     bool lastJpeg = false;
     uint8_t lastFirstByte = 0;
+
+  private:
+    FakeBoardLibrary* lib_ = nullptr;
+    const char* name_ = "";
 };
 
 struct GrabFixture : ::testing::Test {
     FakeBoardLibrary lib;
     RecordingLog log;
     RecordingSink sink;
-    ManualClock clock;
+    SleepLoggingClock clock{lib};
     FrameImage frame;
     FrameStore store;
     CountingConsumer recorder;
@@ -417,6 +429,114 @@ TEST_F(GrabFixture, WatchDogStopsTheGrabWhenTheSignalIsNotConfirmed) {
     EXPECT_EQ(recorder.stops, 1);
     EXPECT_FALSE(grab().running);
     EXPECT_EQ(lib.callsNamed("StopGrab").size(), 1u);
+}
+
+// Every value the start and stop sequences write and every wait they make, in order. The clock
+// logs the test thread's sleeps into the same list as the library calls.
+TEST_F(GrabFixture, StartAndStopSequencesWriteAndWaitInOrder) {
+    using C = FakeCall;
+    const C sleep10{"sleep", 0, 10};
+    const std::vector<C> unregister = {{"UnRegisterCallback", 1},
+                                       {"UnRegisterCallback", 4},
+                                       {"UnRegisterCallback", 2},
+                                       {"UnRegisterCallback", 3}};
+    auto join = [](std::initializer_list<std::vector<C>> parts) {
+        std::vector<C> all;
+        for (const auto& p : parts) {
+            all.insert(all.end(), p.begin(), p.end());
+        }
+        return all;
+    };
+    CountingConsumer saver(lib, "saver.stop");
+    CountingConsumer recorder(lib, "recorder.stop");
+    engine->setConsumers(&saver, &recorder);
+    auto start = [&] {
+        ASSERT_TRUE(engine->StartContinuous(h, false));
+        lib.calls.clear();
+    };
+    const struct {
+        const char* name;
+        std::function<void()> setUp;
+        std::function<void()> act;
+        std::vector<C> expected;
+    } cases[] = {
+        {"continuous start",
+         [] {},
+         [&] { ASSERT_TRUE(engine->StartContinuous(h, false)); },
+         {{"sleep", 0, 30},
+          {"SetInfo", ORVIX_ACQUISITION_MODE, 2},
+          {"RegisterCallback", 1},
+          {"RegisterCallback", 4},
+          {"RegisterCallback", 2},
+          {"RegisterCallback", 3},
+          {"SetInfo", ORVIX_GRAB_CONTINUOUS, 1},
+          {"GetInfo", ORVIX_JPEG_COMPRESS_ENABLE},
+          {"StartGrab", 0, 0}}},
+        {"user stop", start, [&] { engine->StopGrab(); },
+         join({{{"sleep", 0, 300}, {"StopGrab"}, sleep10},
+               unregister,
+               {{"saver.stop"}, {"recorder.stop"}}})},
+        {"user stop, two refusals",
+         [&] {
+             start();
+             lib.stopFailures = 2;
+         },
+         [&] { engine->StopGrab(); },
+         join({{{"sleep", 0, 300},
+                {"StopGrab"},
+                sleep10,
+                {"StopGrab"},
+                sleep10,
+                {"StopGrab"},
+                sleep10},
+               unregister,
+               {{"saver.stop"}, {"recorder.stop"}}})},
+        {"watch-dog stop",
+         [&] {
+             start();
+             lib.cameraStatus = 0;
+             sink.answer = 0;
+             clock.advance(milliseconds(300));
+         },
+         [&] { engine->WatchDogCheck(); },
+         join({{{"GetCameraStatus"}, {"GetLastError", 0, 0}, {"StopGrab"}, sleep10},
+               {{"saver.stop"}, {"recorder.stop"}},
+               unregister,
+               {{"GetLastError", 0, 1}}})},
+        {"single shot",
+         [] {},
+         [&] { engine->GrabOnce(h); },
+         {{"GetLastError", 0, 1},
+          {"SetInfo", ORVIX_GRAB_CONTINUOUS, 0},
+          {"GetInfo", ORVIX_JPEG_COMPRESS_ENABLE},
+          {"StartGrab", 0, 1},
+          {"GetInfo", ORVIX_FRAME_SIZE_HIGH},
+          {"GetInfo", ORVIX_FRAME_SIZE_LOW},
+          {"GetBufferStatusEx", 0},
+          {"GetBufferAddress", 0}}},
+        {"failed single shot",
+         [&] { lib.startGrabError = ORVIX_ERR_GRAB_ABORTED; },
+         [&] { engine->GrabOnce(h); },
+         {{"GetLastError", 0, 1},
+          {"SetInfo", ORVIX_GRAB_CONTINUOUS, 0},
+          {"GetInfo", ORVIX_JPEG_COMPRESS_ENABLE},
+          {"StartGrab", 0, 1},
+          {"GetLastError", 0, 1},
+          {"GetCameraStatus"}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.setUp();
+        lib.calls.clear();
+        c.act();
+        EXPECT_EQ(lib.calls, c.expected);
+        engine->StopGrab();
+        lib.startGrabError = 0;
+        lib.stopFailures = 0;
+        lib.lastError = ORVIX_ERR_NONE;
+        lib.cameraStatus = 7;
+        sink.answer = 1;
+    }
 }
 
 TEST(CameraSignal, PresentOnlyWithEveryCameraLinkBitOrTheCoaXPressLink) {
