@@ -8,8 +8,8 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "acquisition/geometry.h"
-#include "acquisition/process_flags.h"
 #include "acquisition/resource_config.h"
+#include "base/process_flags.h"
 
 namespace lumetra {
 namespace {
@@ -31,11 +31,6 @@ bool contains(const std::string& s, const char* part) {
 }
 
 }  // namespace
-
-ProcessFlags& processFlags() {
-    static ProcessFlags flags;
-    return flags;
-}
 
 CKELM_PCIE_VexCardDoc::CKELM_PCIE_VexCardDoc(const DocumentServices& s)
     : lib_(s.library),
@@ -80,18 +75,13 @@ CKELM_PCIE_VexCardDoc::CKELM_PCIE_VexCardDoc(const DocumentServices& s)
     if (raw.hasImage() && store_->Resize(raw.size())) {
         store_->Put(raw.data(), raw.size(), false);
     }
-    saver_ = std::make_unique<SequenceSaver>(*log_);
-    recorder_ = std::make_unique<VideoRecorder>(RecorderLinks{sink_, clock_, nullptr});
     grab_ = std::make_unique<GrabEngine>(
         GrabLinks{lib_, log_, sink_, clock_, frame_.get(), store_.get()});
-    grab_->setConsumers(saver_.get(), recorder_.get());
 }
 
 CKELM_PCIE_VexCardDoc::~CKELM_PCIE_VexCardDoc() {
-    // No callback or worker may outlive the board; the recording paths end with the grab.
+    // No callback or worker may outlive the board.
     grab_.reset();
-    recorder_.reset();
-    saver_.reset();
     if (lib_ != nullptr && hasBoard()) {
         lib_->Close(handle_);
     }

@@ -13,11 +13,9 @@
 #include "acquisition/board_parameters.h"
 #include "acquisition/frame_store.h"
 #include "acquisition/grab_engine.h"
-#include "acquisition/messages.h"
-#include "acquisition/settings.h"
+#include "base/messages.h"
+#include "base/settings.h"
 #include "imaging/frame_image.h"
-#include "recording/sequence_saver.h"
-#include "recording/video_recorder.h"
 
 namespace lumetra {
 
@@ -74,9 +72,6 @@ class CKELM_PCIE_VexCardDoc {
     FrameImage& frameImage() { return *frame_; }
     FrameStore& frameStore() { return *store_; }
     GrabEngine& grabEngine() { return *grab_; }
-    // Fed by the grab engine with every frame while they run.
-    SequenceSaver& sequenceSaver() { return *saver_; }
-    VideoRecorder& videoRecorder() { return *recorder_; }
     const GrabEngine& grabEngine() const { return *grab_; }
     BayerSettings& bayer() { return bayer_; }
     // Display mode of the main view (0 RGB ... 13) and the monochrome-display option that
@@ -115,8 +110,6 @@ class CKELM_PCIE_VexCardDoc {
     ImageFormatRecord format_;
     BayerSettings bayer_;
     std::unique_ptr<FrameStore> store_;
-    std::unique_ptr<SequenceSaver> saver_;
-    std::unique_ptr<VideoRecorder> recorder_;
     std::unique_ptr<GrabEngine> grab_;
 };
 

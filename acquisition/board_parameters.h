@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "acquisition/board_library.h"
-#include "acquisition/messages.h"
+#include "base/messages.h"
 
 namespace lumetra {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "acquisition/debug_output.h"
-#include "recording/image_files.h"
+#include "base/debug_output.h"
+#include "imaging/jpeg_decoder.h"
 
 namespace lumetra {
 

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 
 namespace lumetra {
 

@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "acquisition/board_library.h"
-#include "acquisition/clock.h"
 #include "acquisition/frame_store.h"
-#include "acquisition/messages.h"
+#include "base/clock.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra {

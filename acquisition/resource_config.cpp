@@ -3,7 +3,7 @@
 #include <filesystem>
 
 #include "acquisition/board_library.h"
-#include "acquisition/ini_file.h"
+#include "base/ini_file.h"
 
 namespace lumetra {
 

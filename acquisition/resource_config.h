@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "acquisition/settings.h"
+#include "base/settings.h"
 
 namespace lumetra {
 

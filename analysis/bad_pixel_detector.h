@@ -13,11 +13,11 @@
 #include <mutex>
 #include <thread>
 
-#include "acquisition/auto_reset_event.h"
-#include "acquisition/messages.h"
 #include "analysis/analysis_messages.h"
 #include "analysis/bad_pixels.h"
 #include "analysis/frame_copy.h"
+#include "base/auto_reset_event.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra {

@@ -19,12 +19,12 @@
 #include <mutex>
 #include <vector>
 
-#include "acquisition/messages.h"
 #include "analysis/analysis_messages.h"
 #include "analysis/frame_copy.h"
 #include "analysis/histogram.h"
 #include "analysis/roi.h"
 #include "analysis/worker.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "acquisition/ini_file.h"
+#include "base/ini_file.h"
 
 namespace lumetra {
 

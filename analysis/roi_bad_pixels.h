@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "acquisition/messages.h"
 #include "analysis/analysis_messages.h"
 #include "analysis/bad_pixels.h"
 #include "analysis/frame_copy.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra {

@@ -21,7 +21,7 @@
 #include <string_view>
 
 #include "acquisition/board_library.h"
-#include "acquisition/messages.h"
+#include "base/messages.h"
 
 namespace lumetra {
 

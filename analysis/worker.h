@@ -7,7 +7,7 @@
 #include <functional>
 #include <thread>
 
-#include "acquisition/auto_reset_event.h"
+#include "base/auto_reset_event.h"
 
 namespace lumetra {
 

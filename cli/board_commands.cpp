@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "acquisition/process_flags.h"
+#include "base/process_flags.h"
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "acquisition/process_flags.h"
+#include "base/process_flags.h"
 
 namespace lumetra::cli {
 namespace {

@@ -1,6 +1,6 @@
 #include "cli/cli_session.h"
 
-#include "acquisition/grab_controller.h"
+#include "workbench/grab_controller.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -88,19 +88,20 @@ bool Session::LoadLibrary() {
 bool Session::OpenDocument() {
     // Without a library the document still comes up, as the workbench does, without a board.
     LoadLibrary();
-    DocumentServices services;
+    WorkbenchServices services;
     services.library = library.get();
     services.settings = &settings;
     services.log = &log;
     services.sink = &sink;
     services.prompt = &prompt;
     services.boardIndex = options.board;
-    document = std::make_unique<CKELM_PCIE_VexCardDoc>(services);
+    workbench = std::make_unique<Workbench>(services);
+    document = &workbench->document();
     return document->hasBoard();
 }
 
 bool Session::SingleShot() {
-    GrabController controller(*document, prompt);
+    GrabController& controller = workbench->grab();
     sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
         return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
     });

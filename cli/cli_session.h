@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "acquisition/board_document.h"
 #include "acquisition/board_library.h"
-#include "acquisition/messages.h"
-#include "app/qt_settings.h"
+#include "base/messages.h"
+#include "qtcore/qt_settings.h"
+#include "workbench/workbench.h"
 
 namespace lumetra::cli {
 
@@ -95,7 +95,8 @@ class Session {
     QueuedSink sink;
     StderrPrompt prompt{log};
     std::unique_ptr<BoardLibrary> library;
-    std::unique_ptr<CKELM_PCIE_VexCardDoc> document;
+    std::unique_ptr<Workbench> workbench;
+    CKELM_PCIE_VexCardDoc* document = nullptr;  // the workbench's
 };
 
 // The commands; each parses its own arguments from options.args.

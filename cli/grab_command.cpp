@@ -8,13 +8,13 @@
 #include <filesystem>
 #include <memory>
 
-#include "acquisition/grab_controller.h"
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
 #include "recording/image_save_worker.h"
 #include "recording/recording_settings.h"
 #include "recording/sequence_saver.h"
 #include "recording/video_controller.h"
+#include "workbench/grab_controller.h"
 
 namespace lumetra::cli {
 namespace {
@@ -45,7 +45,7 @@ struct GrabFigures {
 struct Recording {
     VideoRecorder* recorder = nullptr;
     std::unique_ptr<DocumentVideoHost> host;
-    std::unique_ptr<VideoController> video;
+    VideoController* video = nullptr;
     bool videoStarted = false;
     SequenceSaver* saver = nullptr;
 };
@@ -216,19 +216,18 @@ int RunGrab(Session& s) {
     }
     CKELM_PCIE_VexCardDoc& doc = *s.document;
     GrabEngine& engine = doc.grabEngine();
-    GrabController controller(doc, s.prompt);
+    GrabController& controller = s.workbench->grab();
     const ImageSaveOptions saveOptions = SaveOptionsOf(s, o);
 
     Recording rec;
     if (!o.record.empty()) {
-        rec.recorder = &doc.videoRecorder();
+        rec.recorder = &s.workbench->videoRecorder();
         rec.host = std::make_unique<DocumentVideoHost>(doc);
-        rec.video = std::make_unique<VideoController>(*rec.recorder, *rec.host, s.settings, s.log,
-                                                      s.prompt);
+        rec.video = &s.workbench->video();
     }
     bool ok = true;
     if (!o.save.empty()) {
-        rec.saver = &doc.sequenceSaver();
+        rec.saver = &s.workbench->sequenceSaver();
         sequence.count = static_cast<int>(*o.count);
         sequence.setGeometry(DocumentFrameFormat(doc));
         sequence.options = saveOptions;

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 #include "imaging/image_buffer.h"
 
 namespace lumetra {

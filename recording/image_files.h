@@ -25,7 +25,7 @@
 
 #include <opencv2/core/mat.hpp>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra {
@@ -59,9 +59,6 @@ bool LoadImageFile(const std::string& path, cv::Mat& image, std::string& error);
 // Reads one image file and writes it in the format of out's extension (lumetra-cli convert).
 bool ConvertImageFile(const std::string& in, const std::string& out,
                       const ImageSaveOptions& options, std::string& error);
-
-// Decodes JPEG data (a file's or a compressing board's frame) into 8-bit grey or B, G, R.
-bool DecodeJpeg(const uint8_t* data, size_t size, cv::Mat& image, std::string& error);
 
 struct RawLayout {
     int width = 0;

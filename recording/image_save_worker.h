@@ -9,7 +9,7 @@
 
 #include <opencv2/core/mat.hpp>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 #include "recording/image_files.h"
 

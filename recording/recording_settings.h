@@ -14,7 +14,7 @@
 
 #include <string_view>
 
-#include "acquisition/settings.h"
+#include "base/settings.h"
 #include "recording/image_files.h"
 
 namespace lumetra {

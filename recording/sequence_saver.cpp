@@ -1,5 +1,7 @@
 #include "recording/sequence_saver.h"
 
+#include "imaging/jpeg_decoder.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>

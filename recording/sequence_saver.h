@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "acquisition/grab_engine.h"
-#include "acquisition/messages.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 #include "recording/image_files.h"
 

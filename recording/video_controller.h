@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "acquisition/board_document.h"
-#include "acquisition/messages.h"
-#include "acquisition/settings.h"
+#include "base/messages.h"
+#include "base/settings.h"
 #include "recording/video_recorder.h"
 
 namespace lumetra {

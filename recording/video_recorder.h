@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
-#include "acquisition/auto_reset_event.h"
-#include "acquisition/clock.h"
 #include "acquisition/grab_engine.h"
-#include "acquisition/messages.h"
+#include "base/auto_reset_event.h"
+#include "base/clock.h"
+#include "base/messages.h"
 #include "recording/system_status.h"
 
 namespace lumetra {

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "acquisition/board_document.h"
-#include "acquisition/settings.h"
+#include "base/settings.h"
 
 namespace lumetra {
 namespace {

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "acquisition/process_flags.h"
+#include "base/process_flags.h"
 #include "fake_board.h"
 
 namespace lumetra::test {

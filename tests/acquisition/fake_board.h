@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "acquisition/board_library.h"
-#include "acquisition/clock.h"
+#include "base/clock.h"
 #include "support/recording_log.h"
 
 namespace lumetra::test {

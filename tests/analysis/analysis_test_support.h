@@ -16,10 +16,10 @@
 
 #include <opencv2/core.hpp>
 
-#include "acquisition/messages.h"
 #include "analysis/bad_pixels.h"
 #include "analysis/frame_copy.h"
 #include "analysis/histogram.h"
+#include "base/messages.h"
 #include "imaging/frame_image.h"
 
 namespace lumetra::test {

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "acquisition/ini_file.h"
+#include "base/ini_file.h"
 
 namespace lumetra::test {
 namespace {

@@ -15,7 +15,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 #include "imaging/image_buffer.h"
 #include "support/recording_log.h"
 

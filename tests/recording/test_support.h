@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 #include "recording/system_status.h"
 #include "support/recording_log.h"
 

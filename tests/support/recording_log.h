@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "acquisition/messages.h"
+#include "base/messages.h"
 
 namespace lumetra::test {
 

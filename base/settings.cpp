@@ -1,4 +1,4 @@
-#include "acquisition/settings.h"
+#include "base/settings.h"
 
 #include <charconv>
 

@@ -1,4 +1,4 @@
-#include "acquisition/clock.h"
+#include "base/clock.h"
 
 #include <thread>
 

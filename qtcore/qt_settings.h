@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "acquisition/settings.h"
+#include "base/settings.h"
 
 class QSettings;
 

@@ -1,4 +1,4 @@
-#include "acquisition/messages.h"
+#include "base/messages.h"
 
 #include <chrono>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "acquisition/debug_output.h"
+#include "base/debug_output.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "acquisition/ini_file.h"
+#include "base/ini_file.h"
 
 #include <algorithm>
 #include <cctype>

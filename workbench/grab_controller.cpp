@@ -1,9 +1,9 @@
-#include "acquisition/grab_controller.h"
+#include "workbench/grab_controller.h"
 
 #include <mutex>
 
 #include "acquisition/grab_engine.h"
-#include "acquisition/process_flags.h"
+#include "base/process_flags.h"
 
 namespace lumetra {
 

@@ -1,4 +1,4 @@
-#include "app/qt_settings.h"
+#include "qtcore/qt_settings.h"
 
 #include <QSettings>
 #include <QString>

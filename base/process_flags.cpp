@@ -1,0 +1,10 @@
+#include "base/process_flags.h"
+
+namespace lumetra {
+
+ProcessFlags& processFlags() {
+    static ProcessFlags flags;
+    return flags;
+}
+
+}  // namespace lumetra

@@ -1,0 +1,27 @@
+# cmake -DCXX=... -DINCLUDES=a;b -DALLOWED=x.h -DFORBIDDEN=y.h -DWORK=dir -P probe_includes.cmake
+file(MAKE_DIRECTORY ${WORK})
+set(_flags -std=c++20 -fsyntax-only)
+foreach(_dir IN LISTS INCLUDES)
+  list(APPEND _flags -I${_dir})
+endforeach()
+
+function(probe header expect_ok)
+  string(MAKE_C_IDENTIFIER ${header} _name)
+  file(WRITE ${WORK}/${_name}.cpp "#include \"${header}\"\n")
+  execute_process(COMMAND ${CXX} ${_flags} ${WORK}/${_name}.cpp
+                  RESULT_VARIABLE _rc OUTPUT_VARIABLE _out ERROR_VARIABLE _err)
+  if(expect_ok AND NOT _rc EQUAL 0)
+    message(FATAL_ERROR "${header} should compile here and does not:\n${_err}")
+  endif()
+  if(NOT expect_ok)
+    if(_rc EQUAL 0)
+      message(FATAL_ERROR "${header} belongs to a layer above and must not be found here")
+    endif()
+    if(NOT _err MATCHES "${header}: No such file")
+      message(FATAL_ERROR "${header} failed for another reason than not being found:\n${_err}")
+    endif()
+  endif()
+endfunction()
+
+probe(${ALLOWED} TRUE)
+probe(${FORBIDDEN} FALSE)
