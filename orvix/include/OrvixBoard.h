@@ -254,6 +254,8 @@ ORVIX_API int OrvixGetInfo(OrvixHandle handle, uint32_t id, uint32_t* value);
 ORVIX_API int OrvixSetInfo(OrvixHandle handle, uint32_t id, uint32_t value);
 ORVIX_API int OrvixRegisterCallback(OrvixHandle handle, uint32_t event, OrvixCallback function,
                                     void* context);
+/* Once it has returned, the callback of that event neither runs nor is running, so the caller
+ * may free its context at once. Called from inside a callback, it does not wait for that call. */
 ORVIX_API int OrvixUnRegisterCallback(OrvixHandle handle, uint32_t event);
 /* frameCount 1: single shot, returns when the frame is complete or failed; 0: continuous. */
 ORVIX_API int OrvixStartGrab(OrvixHandle handle, uint32_t frameCount);

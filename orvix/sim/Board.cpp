@@ -9,7 +9,11 @@ Board::Board(BoardConfig config)
     : config_(std::move(config)),
       params_(config_),
       registers_(config_.version, config_.serial),
-      streamer_(std::make_unique<Streamer>(ring_, callbacks_, config_.signalRates)) {}
+      streamer_(std::make_unique<Streamer>(ring_, callbacks_, config_.signalRates)) {
+    if (config_.virtualClock) {
+        streamer_->setVirtualClock(true);
+    }
+}
 
 Board::~Board() {
     // The thread must be gone before the ring and the callbacks it uses.
@@ -155,8 +159,10 @@ Status Board::stopGrab() {
 Status Board::ensureRing() {
     streamer_->quiesce();
     std::lock_guard lock(mutex_);
-    if (streamer_->grabbing()) {
-        return Status::success();  // the grab sized the ring
+    if (streamer_->grabbing() || streamer_->delivering()) {
+        // The grab sized the ring; a callback of a grab being stopped still reads the ring it
+        // was given.
+        return Status::success();
     }
     Status s = streamer_->prepareRing(params_.value(ORVIX_BUFFER_COUNT), params_.frameBytes());
     return s.code == ORVIX_ERR_GRAB_RUNNING ? Status::success() : s;

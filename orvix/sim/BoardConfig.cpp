@@ -249,6 +249,15 @@ const std::map<std::string, KeyParser, std::less<>>& keyParsers() {
              return true;
          }},
         {"timeout_every", numberKey(&BoardConfig::timeoutEvery, 0, 0xFFFFFFFFu)},
+        {"clock",
+         [](std::string_view v, BoardConfig& b, std::string& why) {
+             if (v != "steady" && v != "virtual") {
+                 why = "unknown clock '" + std::string(v) + "' (steady or virtual)";
+                 return false;
+             }
+             b.virtualClock = v == "virtual";
+             return true;
+         }},
         {"signal_rates", [](std::string_view v, BoardConfig& b,
                             std::string& why) { return parseSignalRates(v, b.signalRates, why); }},
     };

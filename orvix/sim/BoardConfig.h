@@ -50,6 +50,7 @@ struct BoardConfig {
     uint32_t singleShotError = 0;                      // 0: single shots succeed
     uint32_t timeoutEvery = 0;                         // 0: no frame times out
     std::array<uint32_t, kSignalCount> signalRates{};  // pulses per second per signal row
+    bool virtualClock = false;  // "clock = virtual": time jumps to each due event
 
     // Boards whose name says so are CoaXPress boards; the rest are CameraLink boards.
     bool isCoaXPress() const;

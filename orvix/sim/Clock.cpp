@@ -25,4 +25,16 @@ void ManualClock::waitUntil(std::unique_lock<std::mutex>& lock, std::condition_v
     cv.wait(lock);
 }
 
+void VirtualClock::waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                             Nanos deadline) const {
+    if (deadline == Nanos::max()) {
+        cv.wait(lock);
+        return;
+    }
+    int64_t now = now_.load(std::memory_order_acquire);
+    while (now < deadline.count() &&
+           !now_.compare_exchange_weak(now, deadline.count(), std::memory_order_acq_rel)) {
+    }
+}
+
 }  // namespace orvix::sim

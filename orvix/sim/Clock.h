@@ -48,4 +48,18 @@ class ManualClock final : public Clock {
     std::atomic<int64_t> now_;
 };
 
+// Time that jumps: a wait for a deadline moves the clock there at once, so the board delivers
+// its frames, edges and faults back to back, each exactly at its due time and none late. A wait
+// without a deadline waits for a notification, as the steady clock's does.
+class VirtualClock final : public Clock {
+  public:
+    Nanos now() const override { return Nanos{now_.load(std::memory_order_acquire)}; }
+    void waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                   Nanos deadline) const override;
+    bool isManual() const override { return false; }
+
+  private:
+    mutable std::atomic<int64_t> now_{0};
+};
+
 }  // namespace orvix::sim

@@ -193,6 +193,11 @@ bool Streamer::grabbing() const {
     return grab_.active;
 }
 
+bool Streamer::delivering() const {
+    std::lock_guard lock(mutex_);
+    return busyGrab_ != 0;
+}
+
 uint32_t Streamer::lostFrames() const {
     std::lock_guard lock(mutex_);
     return lost_;
@@ -252,7 +257,19 @@ Status Streamer::setManualClock(bool on) {
     if (on) {
         manual_.set(Nanos{0});
     }
-    clock_ = on ? static_cast<const Clock*>(&manual_) : &steady_;
+    return useClock(on ? static_cast<const Clock*>(&manual_) : &steady_);
+}
+
+Status Streamer::setVirtualClock(bool on) {
+    std::lock_guard lock(mutex_);
+    if (grab_.active) {
+        return Status::fail(ORVIX_ERR_GRAB_RUNNING, "The clock cannot change during a grab");
+    }
+    return useClock(on ? static_cast<const Clock*>(&virtual_) : &steady_);
+}
+
+Status Streamer::useClock(const Clock* clock) {
+    clock_ = clock;
     // Running signal waves restart on the new clock.
     uint32_t watched = signals_.watched();
     signals_.watch(0, clock_->now());
@@ -346,7 +363,12 @@ void Streamer::run() {
         }
         idleEpoch_ = requestEpoch_;
         cv_.notify_all();
-        clock_->waitUntil(lock, cv_, work.kind == Work::None ? Nanos::max() : work.at);
+        Nanos deadline = work.kind == Work::None ? Nanos::max() : work.at;
+        // The camera's signal loss is an event of its own: a clock that jumps must reach it too.
+        if (grab_.active && grab_.lossAt && *grab_.lossAt > clock_->now()) {
+            deadline = std::min(deadline, *grab_.lossAt);
+        }
+        clock_->waitUntil(lock, cv_, deadline);
     }
     idleEpoch_ = requestEpoch_;
     cv_.notify_all();

@@ -73,6 +73,8 @@ class Streamer {
     void softwareTrigger();
 
     bool grabbing() const;
+    // Whether the board thread is inside a frame's callbacks (of a running or ending grab).
+    bool delivering() const;
     uint32_t lostFrames() const;
     // False once a continuous grab has run longer than its signal-loss time.
     bool cameraSignalPresent() const;
@@ -87,6 +89,8 @@ class Streamer {
 
     // Deterministic mode: time stands still (starting at 0) until advanced. Refused during a grab.
     Status setManualClock(bool on);
+    // The board's time jumps to each due frame, edge or fault (VirtualClock); off: real time.
+    Status setVirtualClock(bool on);
     bool manualClock() const;
     // Produces exactly the next n frames (timed-out frames count), moving the clock to each one's
     // due time; returns after their callbacks have run.
@@ -129,6 +133,8 @@ class Streamer {
     // Wakes the thread and waits until it has delivered everything due at the current time.
     void settle(std::unique_lock<std::mutex>& lock);
     void endGrab(Outcome outcome, Status failure);
+    // Switches to a clock; the caller holds mutex_ and no grab runs.
+    Status useClock(const Clock* clock);
 
     BufferRing& ring_;
     CallbackRegistry& callbacks_;
@@ -137,6 +143,7 @@ class Streamer {
     std::condition_variable cv_;
     SteadyClock steady_;
     ManualClock manual_;
+    VirtualClock virtual_;
     const Clock* clock_ = &steady_;
     SignalBank signals_;
     Grab grab_;

@@ -2,9 +2,12 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
+#include <thread>
 
 #include "OrvixBoard.h"
 #include "OrvixSim.h"
@@ -260,6 +263,46 @@ TEST_F(SharedLibraryThreadTest, StreamsOnTheManualClockThroughTheAbi) {
     }
     EXPECT_NE(abi_.SimAdvanceFrames(h, 1), ORVIX_SUCCESS);
     EXPECT_EQ(lastError().code, ORVIX_ERR_NOT_GRABBING);
+    ASSERT_EQ(abi_.Close(h), ORVIX_SUCCESS);
+}
+
+// What the application relies on when it frees a callback's context: once
+// OrvixUnRegisterCallback has returned, that callback neither runs nor is running. The board runs
+// on its virtual clock (frames back to back) and each callback lingers, so most unregistrations
+// land while one runs; a callback still running or run afterwards would be seen by the check
+// below, and by AddressSanitizer and ThreadSanitizer as a use of freed memory.
+TEST_F(SharedLibraryThreadTest, AContextFreedRightAfterUnregisteringIsNeverTouchedAgain) {
+    test::TempDir dir;
+    test::writeFile(dir.file("fast.ini"), "[board0]\nwidth=64\nheight=8\nclock=virtual\n");
+    test::ScopedConfigEnv env(dir.file("fast.ini"));
+    const OrvixHandle h = abi_.Open(ORVIX_BOARD_TYPE_PCIE, 0);
+    ASSERT_NE(h, ORVIX_INVALID_HANDLE);
+    struct Context {
+        std::atomic<int> calls{0};
+        std::atomic<bool> inside{false};
+        static void onFrame(uint32_t, void* c) {
+            auto* self = static_cast<Context*>(c);
+            self->inside = true;
+            for (int spin = 0; spin < 2000; ++spin) {
+                self->calls.fetch_add(1, std::memory_order_relaxed);
+            }
+            self->inside = false;
+        }
+    };
+    ASSERT_EQ(abi_.StartGrab(h, 0), ORVIX_SUCCESS);
+    for (int round = 0; round < 200; ++round) {
+        auto context = std::make_unique<Context>();
+        ASSERT_EQ(
+            abi_.RegisterCallback(h, ORVIX_EVENT_FRAME_READY, Context::onFrame, context.get()),
+            ORVIX_SUCCESS);
+        while (context->calls.load() == 0) {
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(abi_.UnRegisterCallback(h, ORVIX_EVENT_FRAME_READY), ORVIX_SUCCESS);
+        EXPECT_FALSE(context->inside) << "round " << round;
+        context.reset();  // freed at once, as the grab engine frees its contexts
+    }
+    ASSERT_EQ(abi_.StopGrab(h), ORVIX_SUCCESS);
     ASSERT_EQ(abi_.Close(h), ORVIX_SUCCESS);
 }
 

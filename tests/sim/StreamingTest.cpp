@@ -40,6 +40,10 @@ class Consumer {
         if (event != ORVIX_EVENT_FRAME_READY) {
             return;
         }
+        if (self->slow) {
+            // A consumer far slower than the camera (a whole ring takes 16 ms at 60 fps).
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
         std::lock_guard lock(self->mutex_);
         Board& b = self->board_;
         DeliveredFrame f{self->next_++ % test::got(b, ORVIX_BUFFER_COUNT), {}, {}};
@@ -64,6 +68,7 @@ class Consumer {
     }
 
     test::EventRecorder events;
+    std::atomic<bool> slow{false};
 
   private:
     Board& board_;
@@ -144,6 +149,31 @@ TEST_F(StreamingThreadTest, ContinuousGrabDeliversExactFramesInRingOrder) {
     EXPECT_EQ(info(ORVIX_BOARD_STATE), 0u);
     EXPECT_EQ(board_->frameRate(), 0.0);
     EXPECT_EQ(advanceFrames(1).code, ORVIX_ERR_NOT_GRABBING);
+}
+
+// clock = virtual: time jumps to each frame as the last one is delivered, so even a consumer far
+// slower than the camera loses nothing, and each frame carries its exact due time.
+TEST_F(StreamingThreadTest, VirtualClockDeliversEveryFrameAtItsExactTime) {
+    BoardConfig c = test::smallBoard();
+    c.buffers = 4;
+    c.virtualClock = true;
+    board_ = std::make_unique<Board>(c);
+    consumer_ = std::make_unique<Consumer>(*board_);
+    consumer_->slow = true;
+    ASSERT_TRUE(board_->startGrab(0).ok());
+    while (frameCount() < 40) {
+        std::this_thread::yield();
+    }
+    ASSERT_TRUE(board_->stopGrab().ok());
+    EXPECT_EQ(info(ORVIX_FRAME_LOST), 0u);
+    EXPECT_EQ(consumer_->events.count(ORVIX_EVENT_FRAME_LOST), 0u);
+    const auto frames = consumer_->frames();
+    for (uint32_t k = 0; k < 40; ++k) {
+        SCOPED_TRACE(k);
+        EXPECT_EQ(frames[k].status.frameNumber, k);
+        EXPECT_DOUBLE_EQ(frames[k].status.time,
+                         static_cast<double>(Period::perSecond(60).times(k + 1).count()) / 1e9);
+    }
 }
 
 TEST_F(StreamingThreadTest, AConsumerAWholeRingBehindLosesTheOldestFrames) {
