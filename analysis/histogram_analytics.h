@@ -199,7 +199,6 @@ class HistogramAnalytics {
     Worker columnWorker_;
     Worker columnFiguresWorker_;
     Worker frameFiguresWorker_;
-    bool closed_ = false;
 };
 
 }  // namespace lumetra
