@@ -11,13 +11,14 @@ namespace lumetra {
 FrameStore::FrameStore(BlockAllocator& allocator) : allocator_(allocator) {}
 
 FrameStore::~FrameStore() {
+    MutexLock lock(mutex_);
     if (block_ != nullptr) {
         allocator_.free(block_);
     }
 }
 
 bool FrameStore::Resize(size_t capacity) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (capacity == capacity_ && block_ != nullptr) {
         return true;
     }
@@ -37,7 +38,7 @@ bool FrameStore::Resize(size_t capacity) {
 }
 
 void FrameStore::Put(const void* address, size_t size, bool jpeg) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (hold_) {
         return;
     }
@@ -50,49 +51,82 @@ void FrameStore::Put(const void* address, size_t size, bool jpeg) {
     full_ = true;
 }
 
+size_t FrameStore::capacity() const {
+    MutexLock lock(mutex_);
+    return capacity_;
+}
+
 size_t FrameStore::size() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return size_;
 }
 
 bool FrameStore::full() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return full_;
 }
 
 bool FrameStore::jpeg() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return jpeg_;
 }
 
 void FrameStore::setHold(bool hold) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     hold_ = hold;
 }
 
-bool FrameStore::ConvertInto(ImageBuffer& raw) const {
-    std::lock_guard lock(mutex_);
-    if (!full_ || !raw.hasImage()) {
+bool FrameStore::CopyOut(std::vector<uint8_t>& jpegBytes, bool& jpeg) {
+    MutexLock lock(mutex_);
+    if (!full_) {
         return false;
     }
+    jpeg = jpeg_;
     if (jpeg_) {
-        // The picture must fit the raw image exactly; failures reach the debug output only.
-        cv::Mat decoded;
+        const auto* bytes = static_cast<const uint8_t*>(block_);
+        jpegBytes.assign(bytes, bytes + size_);
+    }
+    return true;
+}
+
+bool FrameStore::Deliver(FrameImage& frame, const std::function<void()>& then) {
+    return Deliver(frame.raw(), frame.frameLock(), then);
+}
+
+bool FrameStore::Deliver(ImageBuffer& raw, std::mutex& frameLock,
+                         const std::function<void()>& then) {
+    bool jpeg = false;
+    if (!CopyOut(jpegBytes_, jpeg)) {
+        return false;
+    }
+    if (jpeg) {
         std::string error;
-        if (!DecodeJpeg(static_cast<const uint8_t*>(block_), size_, decoded, error)) {
+        if (!DecodeJpeg(jpegBytes_.data(), jpegBytes_.size(), decoded_, error)) {
             DebugOutput("jpeg decompress failure: " + error);
             return false;
         }
-        if (raw.depth() != 8 || decoded.cols != raw.width() || decoded.rows != raw.height() ||
-            decoded.channels() != raw.channels()) {
+    }
+    std::lock_guard frameGuard(frameLock);
+    if (!raw.hasImage()) {
+        return false;
+    }
+    if (jpeg) {
+        // The picture must fit the raw image exactly.
+        if (raw.depth() != 8 || decoded_.cols != raw.width() || decoded_.rows != raw.height() ||
+            decoded_.channels() != raw.channels()) {
             DebugOutput("jpeg decompress failure: the picture does not fit the frame");
             return false;
         }
         cv::Mat target = raw.mat();
-        decoded.copyTo(target);
-        return true;
+        decoded_.copyTo(target);
+    } else {
+        MutexLock lock(mutex_);
+        // The store may have been emptied meanwhile only by a Resize, which runs with no grab.
+        std::memcpy(raw.data(), block_, std::min<size_t>(size_, raw.size()));
     }
-    std::memcpy(raw.data(), block_, std::min<size_t>(size_, raw.size()));
+    if (then) {
+        then();
+    }
     return true;
 }
 

@@ -18,14 +18,33 @@ GrabContext& grabOf(void* context) {
     return *static_cast<CallbackContext*>(context)->grab;
 }
 
-// Waits for a worker to set its finished flag, letting the front end handle messages meanwhile.
-void waitFor(const GrabContext& grab, const std::function<bool()>& done) {
-    if (grab.links.sink != nullptr) {
-        grab.links.sink->waitUntil(done);
+}  // namespace
+
+std::string_view GrabStateName(GrabState state) {
+    switch (state) {
+        case GrabState::kIdle:
+            return "idle";
+        case GrabState::kSingleShot:
+            return "single shot";
+        case GrabState::kStarting:
+            return "starting";
+        case GrabState::kRunning:
+            return "running";
+        case GrabState::kStopping:
+            return "stopping";
     }
+    return "?";
 }
 
-}  // namespace
+void GrabContext::setCapture(std::shared_ptr<const PixelCaptureHooks> hooks) {
+    MutexLock lock(captureMutex_);
+    capture_ = std::move(hooks);
+}
+
+std::shared_ptr<const PixelCaptureHooks> GrabContext::capture() const {
+    MutexLock lock(captureMutex_);
+    return capture_;
+}
 
 bool CameraSignalPresent(int32_t status, bool coaxpress) {
     if (status == -1) {
@@ -177,22 +196,21 @@ bool DisplayLoop::Turn() {
         g.displayCounter = 0;
     }
 
-    if (g.capture.conditionMet && g.capture.conditionMet()) {
+    const std::shared_ptr<const PixelCaptureHooks> capture = g.capture();
+    if (capture && capture->conditionMet && capture->conditionMet()) {
         g.post(msg::kStopGrab);
         return false;
     }
 
-    {
-        std::lock_guard lock(g.links.frame->frameLock());
-        if (!g.links.store->ConvertInto(g.links.frame->raw())) {
-            overlayDrawn_ = false;
-        } else {
-            if (g.capture.check) {
-                g.capture.check();
-            }
-            overlayDrawn_ = true;
-            ++g.framesDisplayed;
+    // The check runs under the frame lock, on the frame just converted.
+    const bool converted = g.links.store->Deliver(*g.links.frame, [&capture] {
+        if (capture && capture->check) {
+            capture->check();
         }
+    });
+    overlayDrawn_ = converted;
+    if (converted) {
+        ++g.framesDisplayed;
     }
 
     g.divisorProfiles = 4;
@@ -253,9 +271,45 @@ GrabEngine::~GrabEngine() {
     }
 }
 
-void GrabEngine::setConsumers(FrameConsumer* saver, FrameConsumer* recorder) {
+GrabState GrabEngine::state() const {
+    MutexLock lock(stateMutex_);
+    return state_;
+}
+
+uint64_t GrabEngine::session() const {
+    MutexLock lock(stateMutex_);
+    return session_;
+}
+
+bool GrabEngine::Transition(GrabState from, GrabState to) {
+    MutexLock lock(stateMutex_);
+    if (state_ != from) {
+        return false;
+    }
+    state_ = to;
+    return true;
+}
+
+void GrabEngine::SetState(GrabState to) {
+    MutexLock lock(stateMutex_);
+    state_ = to;
+}
+
+bool GrabEngine::setConsumers(FrameConsumer* saver, FrameConsumer* recorder) {
+    if (!idle()) {
+        return false;
+    }
     grab_.saver = saver;
     grab_.recorder = recorder;
+    return true;
+}
+
+bool GrabEngine::setLastPaint(const std::atomic<int>* lastPaintMs) {
+    if (!idle()) {
+        return false;
+    }
+    grab_.lastPaintMs = lastPaintMs;
+    return true;
 }
 
 bool GrabEngine::Prepare(OrvixHandle handle, bool coaxpress) {
@@ -291,7 +345,8 @@ void GrabEngine::Unregister() {
     BoardLibrary& lib = *grab_.links.library;
     const OrvixHandle h = grab_.handle;
     if (h != ORVIX_INVALID_HANDLE) {
-        // The library returns from each only when that callback can no longer run.
+        // The ABI promises that a callback neither runs nor is running once its unregistration
+        // has returned: the contexts may go right after.
         for (uint32_t event : {ORVIX_EVENT_FRAME_READY, ORVIX_EVENT_FRAME_START,
                                ORVIX_EVENT_FRAME_TIMEOUT, ORVIX_EVENT_FRAME_LOST}) {
             lib.UnRegisterCallback(h, event);
@@ -305,8 +360,10 @@ void GrabEngine::Unregister() {
     grab_.post(msg::kStatusTimer);
 }
 
-int GrabEngine::GrabOnce(OrvixHandle handle) {
-    std::lock_guard once(grabOnceMutex_);
+bool GrabEngine::GrabOnce(OrvixHandle handle) {
+    if (!Transition(GrabState::kIdle, GrabState::kSingleShot)) {
+        return false;
+    }
     BoardLibrary& lib = *grab_.links.library;
     MessageLog& log = *grab_.links.log;
     grab_.lastDelivered = {};
@@ -326,9 +383,8 @@ int GrabEngine::GrabOnce(OrvixHandle handle) {
         int32_t status = 0;
         lib.GetCameraStatus(handle, &status);
         cameraStatus = status;
-        if (grab_.links.sink != nullptr) {
-            grab_.links.sink->send(msg::kCameraStatus, 0, 1);
-        }
+        // The indicators show the status just read; the front end refreshes them on this post.
+        grab_.post(msg::kCameraStatus, 0, 1);
         switch (error.code) {
             case ORVIX_ERR_SINGLE_SHOT_RUNNING:
                 message = "Grab(once) process is running.Please wait...";
@@ -353,8 +409,7 @@ int GrabEngine::GrabOnce(OrvixHandle handle) {
                 size = status.compressedSize;
             }
             grab_.links.store->Put(address, size, compress == 1);
-            std::lock_guard lock(grab_.links.frame->frameLock());
-            if (grab_.links.store->ConvertInto(grab_.links.frame->raw())) {
+            if (grab_.links.store->Deliver(*grab_.links.frame)) {
                 ++grab_.framesDisplayed;
             }
         }
@@ -368,13 +423,16 @@ int GrabEngine::GrabOnce(OrvixHandle handle) {
         grab_.post(msg::kRate, 0, 2);
         message = "Grab (1 Shot) completed\n";
     }
-    grabIdle = true;
+    SetState(GrabState::kIdle);
     grab_.post(msg::kStatusTimer);
     log.log(message);
-    return 1;
+    return true;
 }
 
-bool GrabEngine::StartContinuous(OrvixHandle handle, bool coaxpress) {
+GrabEngine::StartResult GrabEngine::StartContinuous(OrvixHandle handle, bool coaxpress) {
+    if (!Transition(GrabState::kIdle, GrabState::kStarting)) {
+        return StartResult::kNotIdle;
+    }
     BoardLibrary& lib = *grab_.links.library;
     grab_.clock().sleepFor(milliseconds(30));
     lib.SetInfo(handle, ORVIX_ACQUISITION_MODE, 2);
@@ -385,11 +443,17 @@ bool GrabEngine::StartContinuous(OrvixHandle handle, bool coaxpress) {
         jpegFlag = compress != 0;
     }
     if (lib.StartGrab(handle, 0) != ORVIX_SUCCESS) {
-        return false;
+        Unregister();
+        SetState(GrabState::kIdle);
+        return StartResult::kBoardRefused;
     }
-    grabbing = true;
+    {
+        MutexLock lock(stateMutex_);
+        ++session_;
+        state_ = GrabState::kRunning;
+    }
     StartDisplayThread();
-    return true;
+    return StartResult::kStarted;
 }
 
 void GrabEngine::StartDisplayThread() {
@@ -411,8 +475,8 @@ void GrabEngine::StopDisplayThread() {
     if (!displayThread_.joinable()) {
         return;
     }
+    // The display thread only posts: joining it cannot wait on this thread.
     grab_.running = false;
-    waitFor(grab_, [this] { return grab_.threadFinished.load(); });
     displayThread_.join();
     grab_.lastDelivered = {};
     grab_.post(msg::kRate, 1, 0);
@@ -439,24 +503,65 @@ void GrabEngine::StopConsumers() {
     }
 }
 
-int GrabEngine::StopGrab() {
-    stopping_ = true;
+GrabEngine::StopResult GrabEngine::StopGrab() {
+    {
+        MutexLock lock(stateMutex_);
+        if (state_ == GrabState::kStopping) {
+            return StopResult::kAlreadyStopping;
+        }
+        if (state_ != GrabState::kIdle && state_ != GrabState::kRunning) {
+            return StopResult::kBusy;
+        }
+        state_ = GrabState::kStopping;
+    }
     StopWatchDog();
-    std::lock_guard stop(stopMutex_);
     grab_.clock().sleepFor(milliseconds(300));
-    grabbing = false;
     const bool stopped = StopBoard();
     lastStopFailed_ = !stopped;
     grab_.links.log->log(stopped ? "Grab Stop\n"
                                  : "Grab Stop fail.Please click the 'Grab Stop' Button again\n");
     StopDisplayThread();
-    grabIdle = true;
     if (prepared_) {
         Unregister();
     }
     StopConsumers();
-    stopping_ = false;
-    return 1;
+    // Idle only once everything has ended: a command run meanwhile finds the stop under way.
+    SetState(GrabState::kIdle);
+    return stopped ? StopResult::kStopped : StopResult::kBoardRefused;
+}
+
+bool GrabEngine::StopForSignalLoss(uint64_t session) {
+    {
+        MutexLock lock(stateMutex_);
+        if (state_ != GrabState::kRunning || session_ != session) {
+            return false;  // the user stopped it, or a later grab runs
+        }
+        state_ = GrabState::kStopping;
+    }
+    // The watch-dog cleared its flag before it posted: it has ended or is about to.
+    StopWatchDog();
+    StopBoard();
+    StopDisplayThread();
+    StopConsumers();
+    if (prepared_) {
+        Unregister();
+    }
+    grab_.links.log->log("Board signal abnormal.Grab Stop\n");
+    signalFault = false;
+    OrvixErrorInfo error{};
+    grab_.links.library->GetLastError(&error, 1);
+    SetState(GrabState::kIdle);
+    return true;
+}
+
+void GrabEngine::Shutdown() {
+    StopWatchDog();
+    StopDisplayThread();
+    if (prepared_) {
+        Unregister();
+    }
+    StopConsumers();
+    SetState(GrabState::kIdle);
 }
 
 void GrabEngine::StartWatchDog() {
@@ -464,7 +569,6 @@ void GrabEngine::StartWatchDog() {
         return;
     }
     watchDogFlag = true;
-    watchDogFinished_ = false;
     try {
         watchDogThread_ = std::thread([this] { WatchDogLoop(); });
     } catch (const std::system_error&) {
@@ -476,8 +580,7 @@ void GrabEngine::StartWatchDog() {
 void GrabEngine::StopWatchDog() {
     watchDogFlag = false;
     if (watchDogThread_.joinable()) {
-        // It may be waiting for the front end's answer to 1129.
-        waitFor(grab_, [this] { return watchDogFinished_.load(); });
+        // The watch-dog only posts: joining it cannot wait on this thread.
         watchDogThread_.join();
     }
 }
@@ -492,7 +595,6 @@ void GrabEngine::WatchDogLoop() {
         }
         WatchDogCheck();
     }
-    watchDogFinished_ = true;
 }
 
 void GrabEngine::WatchDogCheck() {
@@ -516,36 +618,17 @@ void GrabEngine::WatchDogCheck() {
     if (status == -1) {
         return;
     }
-    const intptr_t answer =
-        grab_.links.sink != nullptr ? grab_.links.sink->send(msg::kCameraStatus, 0, 1) : 1;
-    if (answer == 1) {
+    // The main frame refreshes its indicators on 1129; its answer (are the signals there?) is
+    // computed here from the same status, so this thread never waits for it.
+    grab_.post(msg::kCameraStatus, 0, 1);
+    if (CameraSignalPresent(status, grab_.coaxpress)) {
         lastStatus = status;
         signalFault = false;
         return;
     }
-    WatchDogStop();
-}
-
-void GrabEngine::WatchDogStop() {
-    std::unique_lock stop(stopMutex_, std::try_to_lock);
-    if (!stop.owns_lock()) {
-        return;  // the user is stopping the grab already
-    }
-    stopping_ = true;
-    grabbing = false;
+    // The owner runs the stop when this arrives; the loop ends here.
     watchDogFlag = false;
-    StopBoard();
-    StopDisplayThread();
-    StopConsumers();
-    grabIdle = true;
-    if (prepared_) {
-        Unregister();
-    }
-    grab_.links.log->log("Board signal abnormal.Grab Stop\n");
-    signalFault = false;
-    OrvixErrorInfo error{};
-    grab_.links.library->GetLastError(&error, 1);
-    stopping_ = false;
+    grab_.post(msg::kSignalLost, static_cast<intptr_t>(session()), 0);
 }
 
 }  // namespace lumetra

@@ -1,8 +1,6 @@
 #include "base/messages.h"
 
-#include <chrono>
 #include <cstdio>
-#include <thread>
 
 namespace lumetra {
 
@@ -13,10 +11,20 @@ std::string TimeStampPrefix(const std::tm& t) {
     return buf;
 }
 
-void MessageSink::waitUntil(const std::function<bool()>& done) {
-    while (!done()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+PromptAnswer Prompt::question(std::string_view, std::string_view) {
+    return PromptAnswer::kCancel;
+}
+
+PromptAnswer Prompt::startPrompt(bool&) {
+    return PromptAnswer::kCancel;
+}
+
+std::optional<std::string> Prompt::openFile(const FileRequest&) {
+    return std::nullopt;
+}
+
+std::optional<std::string> Prompt::saveFile(const FileRequest&) {
+    return std::nullopt;
 }
 
 std::string TimeStampPrefixNow() {

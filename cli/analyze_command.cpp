@@ -33,10 +33,6 @@ class WaitingSink final : public MessageSink {
         }
         cv_.notify_all();
     }
-    intptr_t send(uint32_t message, intptr_t w, intptr_t l) override {
-        post(message, w, l);
-        return 0;
-    }
     // Waits until done() holds, checking it again after every posted message (results are
     // published before they are posted).
     bool WaitFor(const std::function<bool()>& done) {

@@ -139,3 +139,26 @@ int RunSet(Session& s) {
 }
 
 }  // namespace lumetra::cli
+
+namespace lumetra::cli {
+
+int RunConfig(Session& s) {
+    Arguments args("config", s.options.args);
+    const std::vector<std::string> words = args.Positional();
+    if (!args.Finish()) {
+        return 2;
+    }
+    if (words.size() != 2 || (words[0] != "save" && words[0] != "load")) {
+        std::fputs("lumetra-cli config: give 'save FILE' or 'load FILE'\n", stderr);
+        return 2;
+    }
+    // Without a board the workbench says so in the system's words.
+    s.OpenDocument();
+    Workbench& wb = *s.workbench;
+    const bool ok =
+        words[0] == "save" ? wb.SaveConfigurationTo(words[1]) : wb.LoadConfiguration(words[1]);
+    PrintCache(s);
+    return ok ? 0 : 1;
+}
+
+}  // namespace lumetra::cli

@@ -1,7 +1,5 @@
 #include "cli/cli_session.h"
 
-#include "workbench/grab_controller.h"
-
 #include <cstdio>
 #include <cstdlib>
 
@@ -30,21 +28,6 @@ void QueuedSink::post(uint32_t message, intptr_t wParam, intptr_t lParam) {
         queue_.push_back({message, wParam, lParam});
     }
     cv_.notify_one();
-}
-
-intptr_t QueuedSink::send(uint32_t message, intptr_t wParam, intptr_t lParam) {
-    Handler answer;
-    {
-        std::lock_guard lock(mutex_);
-        ++counts_[message];
-        answer = answer_;
-    }
-    return answer ? answer(message, wParam, lParam) : 0;
-}
-
-void QueuedSink::setAnswer(Handler answer) {
-    std::lock_guard lock(mutex_);
-    answer_ = std::move(answer);
 }
 
 void QueuedSink::Dispatch(const Handler& handler, std::chrono::milliseconds timeout) {
@@ -101,16 +84,18 @@ bool Session::OpenDocument() {
 }
 
 bool Session::SingleShot() {
-    GrabController& controller = workbench->grab();
-    sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
-        return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
-    });
-    controller.SingleShot();
-    sink.Dispatch([&](uint32_t m, intptr_t w, intptr_t l) { return controller.Handle(m, w, l); },
-                  std::chrono::milliseconds(0));
-    sink.setAnswer({});
+    workbench->GrabOnce();
+    Dispatch();
     // Every grab command starts the counter from 0.
     return document->grabEngine().context().frameCounter == 1;
+}
+
+void Session::Dispatch(std::chrono::milliseconds timeout) {
+    if (!workbench) {
+        return;
+    }
+    sink.Dispatch([this](uint32_t m, intptr_t w, intptr_t l) { workbench->Handle(m, w, l); },
+                  timeout);
 }
 
 }  // namespace lumetra::cli

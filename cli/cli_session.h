@@ -41,17 +41,13 @@ class StderrLog final : public MessageLog {
 };
 
 // The command-line tool's main frame: window messages from the core's threads queue up here and
-// are handled on the main thread. A sent 1129 is answered at once from the camera status, so no
-// worker ever waits for the main thread.
+// are handled on the main thread.
 class QueuedSink final : public MessageSink {
   public:
-    using Handler = std::function<intptr_t(uint32_t, intptr_t, intptr_t)>;
+    using Handler = std::function<void(uint32_t, intptr_t, intptr_t)>;
 
     void post(uint32_t message, intptr_t wParam, intptr_t lParam) override;
-    intptr_t send(uint32_t message, intptr_t wParam, intptr_t lParam) override;
 
-    // Answers sent messages (thread: any).
-    void setAnswer(Handler answer);
     // Handles what has queued up, waiting up to timeout for the first message.
     void Dispatch(const Handler& handler, std::chrono::milliseconds timeout);
 
@@ -67,13 +63,19 @@ class QueuedSink final : public MessageSink {
     std::condition_variable cv_;
     std::deque<Message> queue_;
     std::map<uint32_t, uint64_t> counts_;
-    Handler answer_;
 };
 
+// Boxes become log lines; a file dialog answers with the file the command line named, if any,
+// and questions are answered "no".
 class StderrPrompt final : public Prompt {
   public:
     explicit StderrPrompt(MessageLog& log) : log_(log) {}
     void information(std::string_view text) override { log_.log(text); }
+    PromptAnswer question(std::string_view, std::string_view) override { return PromptAnswer::kNo; }
+    std::optional<std::string> openFile(const FileRequest&) override { return file; }
+    std::optional<std::string> saveFile(const FileRequest&) override { return file; }
+
+    std::optional<std::string> file;
 
   private:
     MessageLog& log_;
@@ -88,6 +90,8 @@ class Session {
     bool OpenDocument();
     // A single shot on the open document's board, its messages handled; true when one frame came.
     bool SingleShot();
+    // Handles the queued messages the way the main frame does, waiting up to timeout for one.
+    void Dispatch(std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
 
     const Options& options;
     QtSettings settings;
@@ -110,6 +114,7 @@ extern const std::vector<Command> kCommands;
 int RunBoards(Session& session);
 int RunInfo(Session& session);
 int RunSet(Session& session);
+int RunConfig(Session& session);
 int RunGrab(Session& session);
 int RunAnalyze(Session& session);
 int RunSignals(Session& session);

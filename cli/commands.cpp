@@ -11,12 +11,18 @@ const std::vector<Command> kCommands = {
      "                              change parameters: ids (0x10000002=1000) or width, height,\n"
      "                              taps, imageType, dataFormat, bayer, offsetX, triggerMode,\n"
      "                              triggerSource"},
+    {"config", RunConfig,
+     "config save FILE | config load FILE\n"
+     "                              save the board's parameters to a configuration file (.vlcf),\n"
+     "                              or load one into the board and print the parameters"},
     {"grab", RunGrab,
      "grab --once | --frames N | --seconds S [--record FILE.h264]\n"
      "        [--save DIR/NAME.EXT --count N] [--snapshot FILE] [--lzw] [--dpi X,Y]\n"
      "                              grab frames, record them as H.264 or numbered images\n"
      "                              (DIR is made when missing); prints framesGrabbed,\n"
-     "                              framesDisplayed, framesLost and fps"},
+     "                              framesDisplayed, framesLost and fps. The recording starts\n"
+     "                              once the board reports its rate; with it, --frames N\n"
+     "                              counts the recorded frames"},
     {"analyze", RunAnalyze,
      "analyze FILE | --grab [--bits B] [--row R] [--col C] [--channel K]\n"
      "        [--roi X0,Y0,X1,Y1] [--bad MODE,LOW,HIGH,HCOUNT,VCOUNT [--frames N] [--csv FILE]\n"

@@ -10,11 +10,6 @@
 
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
-#include "recording/image_save_worker.h"
-#include "recording/recording_settings.h"
-#include "recording/sequence_saver.h"
-#include "recording/video_controller.h"
-#include "workbench/grab_controller.h"
 
 namespace lumetra::cli {
 namespace {
@@ -40,16 +35,6 @@ struct GrabFigures {
     double fps = 0.0;
 };
 
-// The recording paths of one run; each is there only when asked for.
-// The board document's recording paths, when this run uses them.
-struct Recording {
-    VideoRecorder* recorder = nullptr;
-    std::unique_ptr<DocumentVideoHost> host;
-    VideoController* video = nullptr;
-    bool videoStarted = false;
-    SequenceSaver* saver = nullptr;
-};
-
 std::optional<std::pair<int, int>> ParseDpi(const std::string& text) {
     const size_t comma = text.find(',');
     if (comma == std::string::npos) {
@@ -63,8 +48,8 @@ std::optional<std::pair<int, int>> ParseDpi(const std::string& text) {
     return std::make_pair(static_cast<int>(*x), static_cast<int>(*y));
 }
 
-ImageSaveOptions SaveOptionsOf(Session& s, const GrabRequest& o) {
-    ImageSaveOptions options = ReadImageSaveOptions(s.settings);
+ImageSaveOptions SaveOptionsOf(Workbench& wb, const GrabRequest& o) {
+    ImageSaveOptions options = wb.imageSaveOptions();
     options.lzw = options.lzw || o.lzw;
     if (o.dpi) {
         options.dpiX = o.dpi->first;
@@ -73,40 +58,31 @@ ImageSaveOptions SaveOptionsOf(Session& s, const GrabRequest& o) {
     return options;
 }
 
-FrameFormat DocumentFrameFormat(const CKELM_PCIE_VexCardDoc& doc) {
-    const ImageFormatRecord& r = doc.imageFormat();
-    FrameFormat f;
-    f.width = static_cast<int>(r.width);
-    f.height = static_cast<int>(r.height);
-    f.bitsPerPixel = static_cast<int>(r.bitsPerPixel);
-    f.channels = static_cast<int>(r.channels);
-    f.rgbc = r.rgbdExtended;
-    return f;
-}
-
-void printFigures(Session& s, const GrabFigures& f, const Recording& rec, const GrabRequest& o,
-                  bool ok) {
+void printFigures(Session& s, const GrabFigures& f, const GrabRequest& o, bool ok) {
+    Workbench& wb = *s.workbench;
+    const VideoRecorder* recorder = o.record.empty() ? nullptr : &wb.videoRecorder();
+    const SequenceSaver* saver = o.save.empty() ? nullptr : &wb.sequenceSaver();
     if (s.options.json) {
         QJsonObject out;
         out["framesGrabbed"] = static_cast<qint64>(f.grabbed);
         out["framesDisplayed"] = static_cast<qint64>(f.displayed);
         out["framesLost"] = static_cast<qint64>(f.lost);
         out["fps"] = f.fps;
-        if (rec.recorder) {
+        if (recorder) {
             QJsonObject v;
-            v["file"] = QString::fromStdString(rec.recorder->path());
-            v["files"] = rec.recorder->fileCounter();
-            v["result"] = rec.recorder->result();
-            v["framesEncoded"] = static_cast<qint64>(rec.recorder->framesEncoded());
-            v["rate"] = rec.recorder->rate();
+            v["file"] = QString::fromStdString(recorder->path());
+            v["files"] = recorder->fileCounter();
+            v["result"] = recorder->result();
+            v["framesEncoded"] = static_cast<qint64>(recorder->framesEncoded());
+            v["rate"] = recorder->rate();
             out["video"] = v;
         }
-        if (rec.saver) {
+        if (saver) {
             QJsonObject q;
-            q["requested"] = rec.saver->requested();
-            q["saved"] = rec.saver->saved();
-            q["missed"] = rec.saver->missed();
-            q["failed"] = rec.saver->failed();
+            q["requested"] = saver->requested();
+            q["saved"] = saver->saved();
+            q["missed"] = saver->missed();
+            q["failed"] = saver->failed();
             out["sequence"] = q;
         }
         if (!o.snapshot.empty()) {
@@ -128,14 +104,13 @@ void printFigures(Session& s, const GrabFigures& f, const Recording& rec, const 
         "framesGrabbed   %llu\nframesDisplayed %llu\nframesLost      %llu\nfps             %.2f\n",
         static_cast<unsigned long long>(f.grabbed), static_cast<unsigned long long>(f.displayed),
         static_cast<unsigned long long>(f.lost), f.fps);
-    if (rec.recorder) {
+    if (recorder) {
         std::printf("videoFile       %s\nvideoFiles      %d\nvideoResult     %d\n",
-                    rec.recorder->path().c_str(), rec.recorder->fileCounter(),
-                    rec.recorder->result());
+                    recorder->path().c_str(), recorder->fileCounter(), recorder->result());
     }
-    if (rec.saver) {
-        std::printf("sequenceSaved   %d of %d\nsequenceMissed  %d\n", rec.saver->saved(),
-                    rec.saver->requested(), rec.saver->missed());
+    if (saver) {
+        std::printf("sequenceSaved   %d of %d\nsequenceMissed  %d\n", saver->saved(),
+                    saver->requested(), saver->missed());
     }
     if (s.options.verbose) {
         for (auto [m, n] : s.sink.counts()) {
@@ -191,12 +166,13 @@ int RunGrab(Session& s) {
     if (!args.Finish() || !Validate(args, o)) {
         return 2;
     }
-    SequenceRequest sequence;
-    if (!o.save.empty() && !SplitSequencePath(o.save, sequence.base, sequence.extension)) {
-        args.Error("--save needs DIR/NAME.EXT, not '" + o.save + "'");
-        return 2;
-    }
     if (!o.save.empty()) {
+        std::string base;
+        std::string extension;
+        if (!SplitSequencePath(o.save, base, extension)) {
+            args.Error("--save needs DIR/NAME.EXT, not '" + o.save + "'");
+            return 2;
+        }
         // The command line names the folder to fill, as a save dialog would let one make it.
         const std::filesystem::path folder = std::filesystem::path(o.save).parent_path();
         std::error_code ec;
@@ -214,85 +190,49 @@ int RunGrab(Session& s) {
     if (!s.OpenDocument()) {
         return NoBoard(s);
     }
-    CKELM_PCIE_VexCardDoc& doc = *s.document;
-    GrabEngine& engine = doc.grabEngine();
-    GrabController& controller = s.workbench->grab();
-    const ImageSaveOptions saveOptions = SaveOptionsOf(s, o);
+    Workbench& wb = *s.workbench;
+    GrabEngine& engine = wb.engine();
+    const ImageSaveOptions saveOptions = SaveOptionsOf(wb, o);
+    const bool recording = !o.record.empty();
 
-    Recording rec;
-    if (!o.record.empty()) {
-        rec.recorder = &s.workbench->videoRecorder();
-        rec.host = std::make_unique<DocumentVideoHost>(doc);
-        rec.video = &s.workbench->video();
-    }
     bool ok = true;
     if (!o.save.empty()) {
-        rec.saver = &s.workbench->sequenceSaver();
-        sequence.count = static_cast<int>(*o.count);
-        sequence.setGeometry(DocumentFrameFormat(doc));
-        sequence.options = saveOptions;
         std::string error;
-        if (!rec.saver->Start(sequence, error)) {
+        if (!wb.StartSequence(o.save, static_cast<int>(*o.count), saveOptions, error)) {
             s.log.log("Save image sequence fail: " + o.save + ": " + error + "\n");
-            rec.saver = nullptr;
             ok = false;
         }
     }
-
-    s.sink.setAnswer([&controller](uint32_t m, intptr_t, intptr_t) -> intptr_t {
-        return m == msg::kCameraStatus ? controller.CameraStatusAnswer() : 0;
-    });
-    const QueuedSink::Handler handle = [&](uint32_t m, intptr_t w, intptr_t l) -> intptr_t {
-        if (m == msg::kVideoResult) {
-            if (rec.video) {
-                rec.video->HandleResult(l);
-            }
-            return 0;
-        }
-        if (m == msg::kImageSaved) {
-            s.log.log(kImageSavedText);
-            return 0;
-        }
-        return controller.Handle(m, w, l);
-    };
 
     GrabFigures figures;
     const auto start = std::chrono::steady_clock::now();
     if (!ok) {
         // The sequence could not start: nothing is grabbed.
     } else if (o.once) {
-        controller.SingleShot();
-        s.sink.Dispatch(handle, std::chrono::milliseconds(0));
-        ok = engine.context().frameCounter == 1;
-    } else if (controller.StartContinuous()) {
-        if (rec.video) {
-            rec.video->OnContinuousGrabStarted();
+        ok = s.SingleShot();
+    } else if (wb.GrabContinuous()) {
+        if (recording) {
+            wb.StartVideoWhenRated(o.record);
         }
         const bool tty = isatty(STDERR_FILENO) != 0;
         auto nextProgress = start + std::chrono::seconds(1);
         bool stoppedByItself = false;
         for (;;) {
-            s.sink.Dispatch(handle, std::chrono::milliseconds(20));
+            s.Dispatch(std::chrono::milliseconds(20));
             const auto now = std::chrono::steady_clock::now();
             const double elapsed = Seconds(now - start).count();
             const uint32_t frames = engine.context().frameCounter;
-            if (!engine.grabbing) {
-                // The watch-dog or a time-out ended it; let the watch-dog finish its stop
-                // before anything else touches the consumers.
+            if (!engine.continuousRunning()) {
+                // A time-out or the watch-dog ended it; the workbench has run the stop.
                 stoppedByItself = true;
-                engine.StopWatchDog();
                 break;
             }
-            // The board measures its rate over a few frames; recording starts once it has one.
-            if (rec.video && !rec.videoStarted && (rec.host->frameRate() > 0 || elapsed > 2.0)) {
-                rec.videoStarted = true;
-                if (!rec.video->Start(o.record)) {
-                    ok = false;
-                    break;
-                }
-            }
-            const bool sequenceDone = rec.saver && !rec.saver->wantsFrames();
-            if ((o.frames && int64_t{frames} >= *o.frames) ||
+            const VideoRecorder& recorder = wb.videoRecorder();
+            const bool videoOver = recording && !wb.videoPending() && !recorder.running();
+            // With a recording, --frames counts the frames it took.
+            const uint64_t counted = recording ? recorder.framesQueued() : frames;
+            const bool sequenceDone = !o.save.empty() && !wb.sequenceSaver().wantsFrames();
+            if (videoOver || (o.frames && counted >= uint64_t(*o.frames)) ||
                 (o.seconds && elapsed >= *o.seconds) || (!o.frames && !o.seconds && sequenceDone)) {
                 break;
             }
@@ -308,43 +248,37 @@ int RunGrab(Session& s) {
         const double elapsed = Seconds(std::chrono::steady_clock::now() - start).count();
         figures.fps = elapsed > 0 ? engine.context().frameCounter / elapsed : 0.0;
         if (!stoppedByItself) {
-            // Ends the sequence and the recording too, each after writing what it holds.
-            controller.Stop();
-        } else {
-            engine.setConsumers(nullptr, nullptr);
-            if (rec.saver) {
-                rec.saver->Stop();
-            }
-            if (rec.recorder) {
-                rec.recorder->Stop();
-            }
+            // The recording ends first, so that it holds what was counted; the stop ends the
+            // sequence too, each after writing what it holds.
+            wb.StopVideo();
+            wb.GrabStop();
         }
-        s.sink.Dispatch(handle, std::chrono::milliseconds(0));
+        s.Dispatch();
         ok = ok && !stoppedByItself && !engine.lastStopFailed();
     } else {
         ok = false;
     }
-    engine.setConsumers(nullptr, nullptr);
-    if (rec.saver) {
-        rec.saver->Stop();
-        ok = ok && rec.saver->failed() == 0 && rec.saver->saved() > 0;
+    if (!o.save.empty()) {
+        SequenceSaver& saver = wb.sequenceSaver();
+        saver.Stop();
+        ok = ok && saver.failed() == 0 && saver.saved() > 0;
     }
-    if (rec.recorder) {
-        rec.recorder->Stop();
-        s.sink.Dispatch(handle, std::chrono::milliseconds(0));
-        ok = ok && rec.videoStarted && rec.recorder->result() == video::kSuccess;
+    if (recording) {
+        wb.StopVideo();
+        s.Dispatch();
+        const VideoRecorder& recorder = wb.videoRecorder();
+        ok = ok && !recorder.path().empty() && recorder.result() == video::kSuccess;
     }
     figures.grabbed = engine.context().frameCounter;
     figures.displayed = engine.context().framesDisplayed;
     figures.lost = engine.context().lostEvents;
     if (ok && !o.snapshot.empty()) {
-        ImageSaveWorker snapshot(s.log, &s.sink);
-        snapshot.SaveFrame(doc.frameImage(), o.snapshot, saveOptions);
-        snapshot.Wait();
-        s.sink.Dispatch(handle, std::chrono::milliseconds(0));
-        ok = snapshot.lastSucceeded();
+        ok = wb.SaveImageTo(o.snapshot, saveOptions);
+        wb.imageSaver().Wait();
+        s.Dispatch();
+        ok = ok && wb.imageSaver().lastSucceeded();
     }
-    printFigures(s, figures, rec, o, ok);
+    printFigures(s, figures, o, ok);
     return ok ? 0 : 1;
 }
 

@@ -95,6 +95,10 @@ class FrameImage {
     void setHighBit(bool highBit) { highBit_ = highBit; }
 
     // Held by whoever reads or writes the raw and colour images. Not recursive.
+    //
+    // The lock order, everywhere: this frame lock first, then the frame store's lock, then a
+    // tool's own lock (an analysis engine's). None of them is held across a board-library call
+    // that may block, a JPEG decode or a file write.
     std::mutex& frameLock() { return frameLock_; }
 
   private:

@@ -56,7 +56,7 @@ VideoGeometry DocumentVideoHost::geometry() {
 }
 
 bool DocumentVideoHost::continuousGrabRunning() {
-    return doc_.grabEngine().grabbing;
+    return doc_.grabEngine().continuousRunning();
 }
 
 bool DocumentVideoHost::boardCompresses() {

@@ -1,16 +1,9 @@
 #include "workbench/grab_controller.h"
 
-#include <mutex>
-
 #include "acquisition/grab_engine.h"
 #include "base/process_flags.h"
 
 namespace lumetra {
-
-bool GrabController::idle() const {
-    const GrabEngine& engine = doc_.grabEngine();
-    return !engine.grabbing && engine.grabIdle;
-}
 
 bool GrabController::Refuse(bool continuousCommand) {
     GrabEngine& engine = doc_.grabEngine();
@@ -18,15 +11,19 @@ bool GrabController::Refuse(bool continuousCommand) {
     engine.context().framesDisplayed = 0;
     engine.context().lostEvents = 0;
     frameLost_ = false;
-    if (!engine.grabIdle) {
-        prompt_.information("Grab(once) process is running.Please wait...");
-        return true;
-    }
-    if (engine.grabbing) {
-        prompt_.information(continuousCommand
-                                ? "Grab(continuouse) process is running.Please wait..."
-                                : "Grab(continuous) process is running.Please wait...");
-        return true;
+    switch (engine.state()) {
+        case GrabState::kIdle:
+            break;
+        case GrabState::kSingleShot:
+            prompt_.information("Grab(once) process is running.Please wait...");
+            return true;
+        case GrabState::kStarting:
+        case GrabState::kRunning:
+        case GrabState::kStopping:
+            prompt_.information(continuousCommand
+                                    ? "Grab(continuouse) process is running.Please wait..."
+                                    : "Grab(continuous) process is running.Please wait...");
+            return true;
     }
     if (!doc_.hasBoard()) {
         doc_.Log(continuousCommand ? "Board has not been opened.\n"
@@ -46,7 +43,6 @@ void GrabController::SingleShot() {
         doc_.Log("Grab (1 shot) fail.Please check the paramter and camera signal.\n");
         return;
     }
-    engine.grabIdle = false;
     engine.GrabOnce(doc_.handle());
 }
 
@@ -59,14 +55,19 @@ bool GrabController::StartContinuous() {
         doc_.Log("Allocate Virtual Memory Fail.");
         return false;
     }
-    if (!engine.StartContinuous(doc_.handle(), processFlags().coaxpress)) {
-        OrvixErrorInfo error{};
-        doc_.library()->GetLastError(&error, 1);
-        doc_.Log(error.code == ORVIX_ERR_GRAB_RUNNING
-                     ? "Grab(continuous) process is running.\n"
-                     : "Grab(continuous) fail.Please check the parameter and camera signal.\n");
-        engine.Unregister();
-        return false;
+    switch (engine.StartContinuous(doc_.handle(), processFlags().coaxpress)) {
+        case GrabEngine::StartResult::kStarted:
+            break;
+        case GrabEngine::StartResult::kNotIdle:
+            return false;  // Refuse() has just seen it idle: nothing else runs commands
+        case GrabEngine::StartResult::kBoardRefused: {
+            OrvixErrorInfo error{};
+            doc_.library()->GetLastError(&error, 1);
+            doc_.Log(error.code == ORVIX_ERR_GRAB_RUNNING
+                         ? "Grab(continuous) process is running.\n"
+                         : "Grab(continuous) fail.Please check the parameter and camera signal.\n");
+            return false;
+        }
     }
     doc_.Log("Start Grab");
     engine.StartWatchDog();
@@ -78,38 +79,38 @@ void GrabController::Stop() {
         doc_.Log("Board has not been selected.\n");
         return;
     }
-    GrabEngine& engine = doc_.grabEngine();
-    if (engine.stopping()) {
-        doc_.Log("The Grab Stop process is running.\n");
-        return;
-    }
-    if (engine.StopGrab() != 1) {
-        doc_.Log("Stop Grab(continuous) fail.Please click 'Grab Stop' button manually\n");
+    switch (doc_.grabEngine().StopGrab()) {
+        case GrabEngine::StopResult::kStopped:
+        case GrabEngine::StopResult::kBoardRefused:  // the engine has said so
+            break;
+        case GrabEngine::StopResult::kAlreadyStopping:
+            doc_.Log("The Grab Stop process is running.\n");
+            break;
+        case GrabEngine::StopResult::kBusy:
+            doc_.Log("Stop Grab(continuous) fail.Please click 'Grab Stop' button manually\n");
+            break;
     }
 }
 
-intptr_t GrabController::CameraStatusAnswer() const {
-    return CameraSignalPresent(doc_.grabEngine().cameraStatus, processFlags().coaxpress) ? 1 : 0;
-}
-
-intptr_t GrabController::Handle(uint32_t message, intptr_t wParam, intptr_t) {
+void GrabController::Handle(uint32_t message, intptr_t wParam, intptr_t) {
     GrabEngine& engine = doc_.grabEngine();
     switch (message) {
         case msg::kGrabTimeout:
-            if (!engine.grabbing) {
-                return 0;  // a late notice of a grab that has ended
+            if (!engine.continuousRunning()) {
+                return;  // a late notice of a grab that has ended
             }
             doc_.Log("Grab(continuouse) time out!\n");
-            if (engine.StopGrab() != 1) {
+            if (engine.StopGrab() == GrabEngine::StopResult::kAlreadyStopping) {
                 doc_.Log(
                     "Stop Grab(continuouse) fail.Please click the 'Grab Stop' button manually.\n");
             }
-            return 0;
-        case msg::kCameraStatus:
-            return CameraStatusAnswer();
+            return;
+        case msg::kSignalLost:
+            engine.StopForSignalLoss(static_cast<uint64_t>(wParam));
+            return;
         case msg::kFrameLost: {
             if (wParam != 1 || !doc_.hasBoard()) {
-                return 0;
+                return;
             }
             uint32_t lost = 0;
             if (doc_.library()->GetInfo(doc_.handle(), ORVIX_FRAME_LOST, &lost) == ORVIX_SUCCESS &&
@@ -117,13 +118,13 @@ intptr_t GrabController::Handle(uint32_t message, intptr_t wParam, intptr_t) {
                 frameLost_ = true;
                 doc_.Log("OrvixBoard lost frame for thread context change.\n");
             }
-            return 0;
+            return;
         }
         case msg::kStopGrab:
             Stop();
-            return 0;
+            return;
         default:
-            return 0;
+            return;
     }
 }
 

@@ -1,5 +1,5 @@
 // The grab commands of the main frame (1 Shot, Continuous, Stop) and its reactions to the grab
-// engine's messages, shared by the workbench and lumetra-cli. Thread: the user-interface thread.
+// engine's messages. Thread: the user-interface thread.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +17,11 @@ class GrabController {
     bool StartContinuous();  // "Grab (Continuous)"; true when the grab runs
     void Stop();             // "Grab (Stop)"
 
-    // The main frame's reaction to a message of the grab engine; the answer of a sent one.
-    intptr_t Handle(uint32_t message, intptr_t wParam, intptr_t lParam);
-    // The answer to a sent 1129, safe to compute on the sending thread.
-    intptr_t CameraStatusAnswer() const;
+    // The main frame's reaction to a message of the grab engine.
+    void Handle(uint32_t message, intptr_t wParam, intptr_t lParam);
 
-    bool idle() const;
+    // No continuous grab running and no single shot under way.
+    bool idle() const { return doc_.grabEngine().idle(); }
     bool frameLost() const { return frameLost_; }
 
   private:

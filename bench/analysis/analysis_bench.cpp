@@ -68,10 +68,6 @@ class BenchSink final : public MessageSink {
         }
         cv_.notify_all();
     }
-    intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
-        post(m, w, l);
-        return 0;
-    }
     void WaitFor(uint64_t sequence) {
         std::unique_lock lock(mutex_);
         cv_.wait(lock, [&] { return ready_ >= sequence; });

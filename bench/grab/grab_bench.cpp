@@ -75,7 +75,6 @@ class CopyingConsumer final : public FrameConsumer {
 class QuietSink final : public MessageSink {
   public:
     void post(uint32_t, intptr_t, intptr_t) override {}
-    intptr_t send(uint32_t, intptr_t, intptr_t) override { return 1; }
 };
 
 // A plain memcpy of the same frames in the same state: a ring of source buffers like the board's,
@@ -138,7 +137,7 @@ void run(const Scenario& sc, const std::string& library) {
     engine.setConsumers(nullptr, &consumer);
 
     const auto start = Clock::now();
-    if (!engine.StartContinuous(doc.handle(), false)) {
+    if (engine.StartContinuous(doc.handle(), false) != GrabEngine::StartResult::kStarted) {
         std::printf("%s: the grab did not start\n", sc.name);
         return;
     }

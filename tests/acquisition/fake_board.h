@@ -230,17 +230,11 @@ class RecordingSink final : public MessageSink {
     struct Message {
         uint32_t msg;
         intptr_t w, l;
-        bool sent;
         bool operator==(const Message&) const = default;
     };
     void post(uint32_t m, intptr_t w, intptr_t l) override {
         std::lock_guard lock(mutex);
-        posted.push_back({m, w, l, false});
-    }
-    intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
-        std::lock_guard lock(mutex);
-        posted.push_back({m, w, l, true});
-        return answer;
+        posted.push_back({m, w, l});
     }
     std::vector<Message> messages() const {
         std::lock_guard lock(mutex);
@@ -260,7 +254,6 @@ class RecordingSink final : public MessageSink {
 
     mutable std::mutex mutex;
     std::vector<Message> posted;
-    intptr_t answer = 1;
 };
 
 class RecordingPrompt final : public Prompt {

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <numeric>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <thread>
 
 namespace lumetra::test {
 namespace {
@@ -37,15 +39,16 @@ TEST(FrameStore, PutCopiesAtMostTheCapacityAndHoldKeepsTheFrame) {
 }
 
 TEST(FrameStore, ConvertCopiesPlainFramesIntoTheRawImage) {
+    std::mutex frameLock;
     FrameStore store;
     ImageBuffer raw;
     raw.Create(16, 1, 4, 2);
-    EXPECT_FALSE(store.ConvertInto(raw)) << "nothing held yet";
+    EXPECT_FALSE(store.Deliver(raw, frameLock)) << "nothing held yet";
     ASSERT_TRUE(store.Resize(raw.size()));
     std::vector<uint16_t> frame(8);
     std::iota(frame.begin(), frame.end(), uint16_t{4000});
     store.Put(frame.data(), frame.size() * 2, false);
-    ASSERT_TRUE(store.ConvertInto(raw));
+    ASSERT_TRUE(store.Deliver(raw, frameLock));
     EXPECT_EQ(raw.ReadPixel(1, 3)[0], 4007.0);
 }
 
@@ -57,12 +60,13 @@ TEST(FrameStore, JpegFramesAreDecodedIntoTheRawImage) {
         ASSERT_TRUE(cv::imencode(".jpg", picture, jpeg, {cv::IMWRITE_JPEG_QUALITY, 95}));
         const cv::Mat expected = cv::imdecode(jpeg, cv::IMREAD_UNCHANGED);
 
+        std::mutex frameLock;
         FrameStore store;
         ASSERT_TRUE(store.Resize(picture.total() * picture.elemSize()));
         store.Put(jpeg.data(), jpeg.size(), true);
         ImageBuffer raw;
         raw.Create(8, picture.channels(), 64, 16);
-        ASSERT_TRUE(store.ConvertInto(raw));
+        ASSERT_TRUE(store.Deliver(raw, frameLock));
         // The same decoder family: allow a step of rounding between the two paths.
         EXPECT_LE(cv::norm(raw.mat(), expected, cv::NORM_INF), 2.0);
     }
@@ -72,23 +76,54 @@ TEST(FrameStore, UndecodableJpegLeavesTheImageAndSaysNothing) {
     const cv::Mat picture = pattern(64, 16, CV_8UC1);
     std::vector<uint8_t> jpeg;
     ASSERT_TRUE(cv::imencode(".jpg", picture, jpeg));
+    std::mutex frameLock;
     FrameStore store;
     ASSERT_TRUE(store.Resize(4096));
     ImageBuffer raw;
     raw.Create(8, 1, 64, 16);
 
     store.Put(jpeg.data(), 20, true);  // cut inside the header
-    EXPECT_FALSE(store.ConvertInto(raw));
+    EXPECT_FALSE(store.Deliver(raw, frameLock));
     const uint8_t junk[64] = {0xFF, 0xD8, 0x00, 0x13};
     store.Put(junk, sizeof junk, true);
-    EXPECT_FALSE(store.ConvertInto(raw));
+    EXPECT_FALSE(store.Deliver(raw, frameLock));
     EXPECT_EQ(raw.data()[0], ImageBuffer::kFillByte);
 
     // A picture of another size does not fit the raw image.
     ImageBuffer other;
     other.Create(8, 1, 32, 16);
     store.Put(jpeg.data(), jpeg.size(), true);
-    EXPECT_FALSE(store.ConvertInto(other));
+    EXPECT_FALSE(store.Deliver(other, frameLock));
+}
+
+// The reader's check runs under the frame lock with the store's lock free, for plain and JPEG
+// frames alike: the board's callback can put the next frame meanwhile.
+TEST(FrameStore, DeliverRunsTheCheckUnderTheFrameLockWithTheStoreFree) {
+    const cv::Mat picture = pattern(64, 16, CV_8UC1);
+    std::vector<uint8_t> jpeg;
+    ASSERT_TRUE(cv::imencode(".jpg", picture, jpeg));
+    std::mutex frameLock;
+    FrameStore store;
+    ASSERT_TRUE(store.Resize(picture.total()));
+    ImageBuffer raw;
+    raw.Create(8, 1, 64, 16);
+    for (bool compressed : {false, true}) {
+        SCOPED_TRACE(compressed);
+        if (compressed) {
+            store.Put(jpeg.data(), jpeg.size(), true);
+        } else {
+            store.Put(picture.data, picture.total(), false);
+        }
+        bool ran = false;
+        ASSERT_TRUE(store.Deliver(raw, frameLock, [&] {
+            EXPECT_FALSE(frameLock.try_lock()) << "the frame lock is held";
+            std::thread callback([&] { store.Put(picture.data, 8, false); });
+            callback.join();  // would never return if the store's lock were held here
+            ran = true;
+        }));
+        EXPECT_TRUE(ran);
+        EXPECT_EQ(store.size(), 8u);
+    }
 }
 
 }  // namespace

@@ -293,7 +293,9 @@ TEST_F(DisplayFixture, ConversionFillsTheFrameImageAndFrozenViewsAreNotRepainted
 }
 
 TEST_F(DisplayFixture, CaptureConditionStopsTheLoop) {
-    grab().capture.conditionMet = [] { return true; };
+    auto hooks = std::make_shared<PixelCaptureHooks>();
+    hooks->conditionMet = [] { return true; };
+    grab().setCapture(hooks);
     grab().newFrame = true;
     EXPECT_FALSE(loop->Turn());
     EXPECT_EQ(sink.count(msg::kStopGrab), 1u);
@@ -315,18 +317,17 @@ TEST_F(DisplayFixture, EndPostsTheFinalRefresh) {
 TEST_F(GrabFixture, SingleShotCopiesBufferZeroAndPostsInOrder) {
     lib.board(h).values[ORVIX_JPEG_COMPRESS_ENABLE] = 0;
     frame.raw().mat().setTo(0);
-    EXPECT_EQ(engine->GrabOnce(h), 1);
+    EXPECT_TRUE(engine->GrabOnce(h));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"Start Grab", "Grab (1 Shot) completed\n"}));
     EXPECT_EQ(frame.raw().data()[0], 1);
     EXPECT_EQ(frame.raw().data()[kW * kH - 1], 1);
     EXPECT_EQ(grab().framesDisplayed, 1u);
     EXPECT_EQ(grab().frameCounter, 1u);
-    EXPECT_TRUE(engine->grabIdle);
+    EXPECT_TRUE(engine->idle());
     std::vector<RecordingSink::Message> expected = {
-        {msg::kPaint, 0, 0, false},        {msg::kProfiles, 0, 0, false},
-        {msg::kFrameArrived, 0, 0, false}, {msg::kRoiRefresh, 0, 0, false},
-        {msg::kMarker, 0, 0, false},       {msg::kFramesGrabbed, 0, 0, false},
-        {msg::kRate, 0, 2, false},         {msg::kStatusTimer, 0, 0, false}};
+        {msg::kPaint, 0, 0},      {msg::kProfiles, 0, 0},   {msg::kFrameArrived, 0, 0},
+        {msg::kRoiRefresh, 0, 0}, {msg::kMarker, 0, 0},     {msg::kFramesGrabbed, 0, 0},
+        {msg::kRate, 0, 2},       {msg::kStatusTimer, 0, 0}};
     EXPECT_EQ(sink.messages(), expected);
     // Single-frame mode is set before the start, which asks for one frame.
     EXPECT_EQ(lib.callsNamed("SetInfo").at(0), (FakeCall{"SetInfo", ORVIX_GRAB_CONTINUOUS, 0}));
@@ -347,14 +348,13 @@ TEST_F(GrabFixture, SingleShotFailuresChooseTheirText) {
         sink.clear();
         lib.startGrabError = c.code;
         lib.cameraStatus = 5;
-        EXPECT_EQ(engine->GrabOnce(h), 1);
+        EXPECT_TRUE(engine->GrabOnce(h));
         EXPECT_EQ(log.lines(), (std::vector<std::string>{"Start Grab", c.text}));
-        EXPECT_EQ(sink.messages(),
-                  (std::vector<RecordingSink::Message>{{msg::kCameraStatus, 0, 1, true},
-                                                       {msg::kStatusTimer, 0, 0, false}}));
+        EXPECT_EQ(sink.messages(), (std::vector<RecordingSink::Message>{
+                                       {msg::kCameraStatus, 0, 1}, {msg::kStatusTimer, 0, 0}}));
         EXPECT_EQ(engine->cameraStatus, 5);
         EXPECT_EQ(grab().frameCounter, 0u);
-        EXPECT_TRUE(engine->grabIdle);
+        EXPECT_TRUE(engine->idle());
     }
 }
 
@@ -363,7 +363,7 @@ TEST_F(GrabFixture, SingleShotFailuresChooseTheirText) {
 TEST_F(GrabFixture, StopRetriesFiveTimes) {
     engine->Prepare(h, false);
     lib.stopFailures = 4;
-    EXPECT_EQ(engine->StopGrab(), 1);
+    EXPECT_EQ(engine->StopGrab(), GrabEngine::StopResult::kStopped);
     EXPECT_EQ(lib.callsNamed("StopGrab").size(), 5u);
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Grab Stop\n"});
     EXPECT_FALSE(engine->lastStopFailed());
@@ -372,14 +372,14 @@ TEST_F(GrabFixture, StopRetriesFiveTimes) {
     lib.calls.clear();
     log.clear();
     lib.stopFailures = 5;
-    EXPECT_EQ(engine->StopGrab(), 1);
+    EXPECT_EQ(engine->StopGrab(), GrabEngine::StopResult::kBoardRefused);
     EXPECT_EQ(lib.callsNamed("StopGrab").size(), 5u);
     EXPECT_EQ(log.lines(), std::vector<std::string>{
                                "Grab Stop fail.Please click the 'Grab Stop' Button again\n"});
     EXPECT_TRUE(engine->lastStopFailed());
     // Torn down anyway.
     EXPECT_TRUE(lib.callbacks.empty());
-    EXPECT_TRUE(engine->grabIdle);
+    EXPECT_TRUE(engine->idle());
 }
 
 TEST_F(GrabFixture, StoppingTwiceIsHarmless) {
@@ -394,7 +394,6 @@ TEST_F(GrabFixture, StoppingTwiceIsHarmless) {
 TEST_F(GrabFixture, WatchDogKeepsGoingWhileTheSignalIsConfirmed) {
     engine->Prepare(h, false);
     lib.cameraStatus = 7;
-    sink.answer = 1;
     clock.advance(milliseconds(300));
     engine->WatchDogCheck();
     EXPECT_TRUE(engine->checking);
@@ -415,20 +414,79 @@ TEST_F(GrabFixture, WatchDogKeepsGoingWhileTheSignalIsConfirmed) {
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(GrabFixture, WatchDogStopsTheGrabWhenTheSignalIsNotConfirmed) {
+// The watch-dog only posts; the owner runs the stop when the post arrives, for that grab alone.
+TEST_F(GrabFixture, WatchDogPostsTheStopAndTheOwnerRunsIt) {
     record();
-    ASSERT_TRUE(engine->StartContinuous(h, false));
+    ASSERT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kStarted);
+    const uint64_t session = engine->session();
     lib.cameraStatus = 0;
-    sink.answer = 0;
     clock.advance(milliseconds(300));
     engine->WatchDogCheck();
+    EXPECT_EQ(sink.count(msg::kSignalLost, static_cast<intptr_t>(session), 0), 1u);
+    EXPECT_FALSE(engine->watchDogFlag) << "the watch-dog's loop ends";
+    EXPECT_TRUE(engine->continuousRunning()) << "nothing stopped on the watch-dog's thread";
+    EXPECT_TRUE(lib.callsNamed("StopGrab").empty());
+
+    EXPECT_FALSE(engine->StopForSignalLoss(session + 1)) << "another grab's notice";
+    ASSERT_TRUE(engine->StopForSignalLoss(session));
     EXPECT_EQ(log.lines().back(), "Board signal abnormal.Grab Stop\n");
-    EXPECT_FALSE(engine->grabbing);
-    EXPECT_TRUE(engine->grabIdle);
+    EXPECT_TRUE(engine->idle());
     EXPECT_TRUE(lib.callbacks.empty());
     EXPECT_EQ(recorder.stops, 1);
     EXPECT_FALSE(grab().running);
     EXPECT_EQ(lib.callsNamed("StopGrab").size(), 1u);
+    EXPECT_FALSE(engine->StopForSignalLoss(session)) << "a late duplicate";
+    EXPECT_EQ(recorder.stops, 1);
+}
+
+// Each command moves the state only from where it may; a refused one changes nothing.
+TEST_F(GrabFixture, CommandsOutsideTheirStatesAreRefused) {
+    // A consumer whose stop runs commands while the engine is stopping.
+    struct Reentrant final : FrameConsumer {
+        bool wantsFrames() const override { return false; }
+        void push(const void*, size_t, bool) override {}
+        void stop() override {
+            state = engine->state();
+            once = engine->GrabOnce(h);
+            start = engine->StartContinuous(h, false);
+            stopAgain = engine->StopGrab();
+        }
+        GrabEngine* engine = nullptr;
+        OrvixHandle h = 0;
+        GrabState state = GrabState::kIdle;
+        bool once = true;
+        GrabEngine::StartResult start = GrabEngine::StartResult::kStarted;
+        GrabEngine::StopResult stopAgain = GrabEngine::StopResult::kStopped;
+    } reentrant;
+    reentrant.engine = engine.get();
+    reentrant.h = h;
+    ASSERT_TRUE(engine->setConsumers(&reentrant, nullptr));
+
+    ASSERT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kStarted);
+    EXPECT_FALSE(engine->setConsumers(nullptr, nullptr)) << "wiring changes only while idle";
+    std::atomic<int> paint{0};
+    EXPECT_FALSE(engine->setLastPaint(&paint));
+    lib.calls.clear();
+    EXPECT_FALSE(engine->GrabOnce(h)) << "a single shot while running";
+    EXPECT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kNotIdle);
+    EXPECT_TRUE(lib.calls.empty()) << "a refused command touches no board";
+
+    EXPECT_EQ(engine->StopGrab(), GrabEngine::StopResult::kStopped);
+    EXPECT_EQ(reentrant.state, GrabState::kStopping);
+    EXPECT_FALSE(reentrant.once) << "grab while stopping";
+    EXPECT_EQ(reentrant.start, GrabEngine::StartResult::kNotIdle);
+    EXPECT_EQ(reentrant.stopAgain, GrabEngine::StopResult::kAlreadyStopping);
+    EXPECT_TRUE(engine->idle());
+
+    // Stop while idle is the user's way out of a board left grabbing: the whole stop runs.
+    lib.calls.clear();
+    log.clear();
+    reentrant.engine = nullptr;
+    ASSERT_TRUE(engine->setConsumers(nullptr, nullptr));
+    EXPECT_EQ(engine->StopGrab(), GrabEngine::StopResult::kStopped);
+    EXPECT_EQ(lib.callsNamed("StopGrab").size(), 1u);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Grab Stop\n"});
+    EXPECT_EQ(GrabStateName(engine->state()), "idle");
 }
 
 // Every value the start and stop sequences write and every wait they make, in order. The clock
@@ -451,7 +509,7 @@ TEST_F(GrabFixture, StartAndStopSequencesWriteAndWaitInOrder) {
     CountingConsumer recorder(lib, "recorder.stop");
     engine->setConsumers(&saver, &recorder);
     auto start = [&] {
-        ASSERT_TRUE(engine->StartContinuous(h, false));
+        ASSERT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kStarted);
         lib.calls.clear();
     };
     const struct {
@@ -462,7 +520,7 @@ TEST_F(GrabFixture, StartAndStopSequencesWriteAndWaitInOrder) {
     } cases[] = {
         {"continuous start",
          [] {},
-         [&] { ASSERT_TRUE(engine->StartContinuous(h, false)); },
+         [&] { ASSERT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kStarted); },
          {{"sleep", 0, 30},
           {"SetInfo", ORVIX_ACQUISITION_MODE, 2},
           {"RegisterCallback", 1},
@@ -495,10 +553,12 @@ TEST_F(GrabFixture, StartAndStopSequencesWriteAndWaitInOrder) {
          [&] {
              start();
              lib.cameraStatus = 0;
-             sink.answer = 0;
              clock.advance(milliseconds(300));
          },
-         [&] { engine->WatchDogCheck(); },
+         [&] {
+             engine->WatchDogCheck();
+             engine->StopForSignalLoss(engine->session());
+         },
          join({{{"GetCameraStatus"}, {"GetLastError", 0, 0}, {"StopGrab"}, sleep10},
                {{"saver.stop"}, {"recorder.stop"}},
                unregister,
@@ -535,7 +595,6 @@ TEST_F(GrabFixture, StartAndStopSequencesWriteAndWaitInOrder) {
         lib.stopFailures = 0;
         lib.lastError = ORVIX_ERR_NONE;
         lib.cameraStatus = 7;
-        sink.answer = 1;
     }
 }
 
@@ -551,7 +610,7 @@ TEST(CameraSignal, PresentOnlyWithEveryCameraLinkBitOrTheCoaXPressLink) {
 
 TEST_F(GrabFixture, ContinuousGrabRunsTheDisplayThreadUntilStopped) {
     record();
-    ASSERT_TRUE(engine->StartContinuous(h, false));
+    ASSERT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kStarted);
     EXPECT_EQ(lib.callsNamed("StartGrab")[0].value, 0u);
     // The board's thread delivers frames while the display thread runs.
     std::thread board([&] {
@@ -560,7 +619,7 @@ TEST_F(GrabFixture, ContinuousGrabRunsTheDisplayThreadUntilStopped) {
         }
     });
     board.join();
-    EXPECT_EQ(engine->StopGrab(), 1);
+    EXPECT_EQ(engine->StopGrab(), GrabEngine::StopResult::kStopped);
     EXPECT_EQ(recorder.frames, 200);
     EXPECT_EQ(grab().frameCounter, 200u);
     EXPECT_TRUE(grab().threadFinished);
@@ -570,9 +629,11 @@ TEST_F(GrabFixture, ContinuousGrabRunsTheDisplayThreadUntilStopped) {
 
 TEST_F(GrabFixture, RefusedStartLeavesNoThread) {
     lib.startGrabError = ORVIX_ERR_GRAB_RUNNING;
-    EXPECT_FALSE(engine->StartContinuous(h, false));
+    EXPECT_EQ(engine->StartContinuous(h, false), GrabEngine::StartResult::kBoardRefused);
+    EXPECT_TRUE(lib.callbacks.empty());
+    EXPECT_TRUE(engine->idle());
     EXPECT_FALSE(grab().running);
-    EXPECT_FALSE(engine->grabbing);
+    EXPECT_FALSE(engine->continuousRunning());
 }
 
 }  // namespace

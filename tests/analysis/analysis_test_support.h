@@ -37,10 +37,6 @@ class WaitingSink final : public MessageSink {
         messages_.push_back({m, w, l});
         cv_.notify_all();
     }
-    intptr_t send(uint32_t m, intptr_t w, intptr_t l) override {
-        post(m, w, l);
-        return 0;
-    }
     bool WaitFor(const std::function<bool(const std::vector<Message>&)>& done) {
         std::unique_lock lock(mutex_);
         return cv_.wait_for(lock, std::chrono::seconds(60), [&] { return done(messages_); });

@@ -38,9 +38,11 @@ class CliTest : public ::testing::Test {
     ToolRun run(const std::string& args, const std::string& simConfig = {}) {
         return lumetra::test::RunTool(LUMETRA_CLI, dir, args, simConfig);
     }
-    // Grabs from the simulated board on its real clock: the assertions hold whatever the timing.
+    // Grabs from the simulated board on its virtual clock: frames come back to back, none late,
+    // so counts, losses and the faults' timing do not depend on the machine's speed.
     ToolRun grab(const std::string& args, const std::string& board0Keys = {}) {
-        const std::string ini = write("sim.ini", "[board0]\n" + board0Keys + "\n[board1]\n");
+        const std::string ini =
+            write("sim.ini", "[board0]\nclock=virtual\n" + board0Keys + "\n[board1]\n");
         return run("grab " + args + " --json", ini);
     }
 };
@@ -140,6 +142,39 @@ TEST_F(CliTest, MalformedSimulatorConfigurationOffersNoBoard) {
     EXPECT_EQ(jsonOf(r)["boards"].toArray().size(), 0);
     EXPECT_NE(r.err.find("bad.ini:2"), std::string::npos) << r.err;
     EXPECT_EQ(run("info", ini).status, 1);
+}
+
+TEST_F(CliTest, ConfigSavesAndLoadsWithTheSystemsTexts) {
+    const std::string file = (dir / "board.vlcf").string();
+    const std::string damaged = write("damaged.vlcf", "OrvixBoardConfiguration 1\ncrc32=0x0\n");
+    const std::string none = write("none.ini", "[board0]\nopen_fails=1\n[board1]\nopen_fails=1\n");
+    const struct {
+        std::string args;
+        std::string ini;
+        int status;
+        QString line;
+    } cases[] = {
+        {"config save '" + file + "'", {}, 0, "Save configuration successful!"},
+        {"config load '" + file + "'", {}, 0, "The configuration file was loaded successfully.\n"},
+        {"config load '" + damaged + "'",
+         {},
+         1,
+         "The selected configuration file is not the latest version or the configuration "
+         "parameter is invalid.Please select other configuration file.\n"},
+        {"config save '" + (dir / "missing/a.vlcf").string() + "'",
+         {},
+         1,
+         "Save configuration file fail.Error Code:00000006\n"},
+        {"config save '" + file + "'", none, 1,
+         "No Board has been selected.Save configuration file fail.\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        const ToolRun r = run(c.args + " --json", c.ini);
+        EXPECT_EQ(r.status, c.status) << r.err;
+        EXPECT_TRUE(logOf(r).contains(c.line)) << r.err;
+    }
+    EXPECT_EQ(run("config frobnicate x").status, 2);
 }
 
 using CliGrabTest = CliTest;

@@ -80,7 +80,6 @@ TEST_F(ImageSaveWorkerThreads, FailuresAreLoggedWithPathAndReasonAndPostNothing)
 TEST_F(ImageSaveWorkerThreads, TheReportIsOutBeforeBusyClears) {
     struct Watching final : MessageSink, MessageLog {
         void post(uint32_t, intptr_t, intptr_t) override { note(); }
-        intptr_t send(uint32_t, intptr_t, intptr_t) override { return 0; }
         void log(std::string_view) override { note(); }
         void note() {
             ++reports;

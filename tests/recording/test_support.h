@@ -39,10 +39,6 @@ class RecordingSink final : public MessageSink {
         }
         cv_.notify_all();
     }
-    intptr_t send(uint32_t message, intptr_t wParam, intptr_t lParam) override {
-        post(message, wParam, lParam);
-        return 0;
-    }
     // Waits until `count` messages of that number have arrived. The limit only keeps a broken
     // build from hanging; no test relies on it passing.
     bool waitFor(uint32_t message, size_t count = 1) {
