@@ -43,6 +43,18 @@ inline constexpr int kAbout = 57664;
 inline constexpr int kDocument = 57670;
 inline constexpr int kShowLog = 32988;
 inline constexpr int kVersion = 32874;
+// The main image view's commands the View menu and the Zoom tool bar carry.
+inline constexpr int kZoomFit = 32868;
+inline constexpr int kOriginalSize = 32851;
+inline constexpr int kMaximumImage = 32898;
+// Ours: the View menu's zoom steps, the view's image to the clipboard or a file, the drawing
+// options, and the raw image import.
+inline constexpr int kZoomIn = 33101;
+inline constexpr int kZoomOut = 33102;
+inline constexpr int kCopyView = 33103;
+inline constexpr int kSaveViewAs = 33104;
+inline constexpr int kHighlightClipping = 33105;
+inline constexpr int kFalseColour = 33106;
 }  // namespace cmd
 
 struct CommandText {

@@ -8,6 +8,7 @@
 #include "acquisition/resource_config.h"
 #include "base/process_flags.h"
 #include "recording/recording_settings.h"
+#include "workbench/status_texts.h"
 #include "workbench/version_info.h"
 
 namespace lumetra {
@@ -431,10 +432,17 @@ void Workbench::ShowLog() {
 
 void Workbench::StartUp(bool suppressPrompt) {
     Settings& settings = *services_.settings;
-    if (!suppressPrompt && settings.readInt("StatusInfo", "StartupInfo", 1) != 0) {
+    AppSettings* app = services_.appSettings;
+    const int showPrompt =
+        app != nullptr ? app->startupInfo : settings.readInt("StatusInfo", "StartupInfo", 1);
+    if (!suppressPrompt && showPrompt != 0) {
         bool alwaysShow = true;
         const PromptAnswer answer = services_.prompt->startPrompt(alwaysShow);
-        settings.writeInt("StatusInfo", "StartupInfo", alwaysShow ? 1 : 0);
+        if (app != nullptr) {
+            app->startupInfo = alwaysShow ? 1 : 0;
+        } else {
+            settings.writeInt("StatusInfo", "StartupInfo", alwaysShow ? 1 : 0);
+        }
         if (answer == PromptAnswer::kOk) {
             ShowDocument();
         }
@@ -529,8 +537,26 @@ void Workbench::Handle(uint32_t message, intptr_t wParam, intptr_t lParam) {
         case msg::kStartPrompt:
             StartUp(false);
             return;
+        case msg::kPcieLink:
+            ReadPcieLink();
+            return;
         default:
             return;
+    }
+}
+
+void Workbench::ReadPcieLink() {
+    BoardLibrary* lib = document_->library();
+    uint32_t word = 0;
+    if (lib == nullptr || !document_->hasBoard() ||
+        lib->GetInfo(document_->handle(), ORVIX_PCIE_LINK, &word) != ORVIX_SUCCESS) {
+        return;  // the pane keeps its text
+    }
+    pcieLink_ = word;
+    const PcieLink link = PcieLink::Of(word);
+    if (services_.settings->readInt("StatusInfo", "PcieState", 1) != 0 &&
+        PcieLinkInsufficient(link, processFlags().coaxpress, processFlags().modelCode)) {
+        document_->Log(kPcieWarningText);
     }
 }
 
@@ -540,7 +566,8 @@ bool Workbench::OnTimer(int id) {
         case timer::kCameraStatus:
             if (lib != nullptr && document_->hasBoard() && !engine().continuousRunning()) {
                 int32_t status = 0x11FF;
-                lib->GetCameraStatus(document_->handle(), &status);
+                polledStatusReadable_ =
+                    lib->GetCameraStatus(document_->handle(), &status) == ORVIX_SUCCESS;
                 OrvixErrorInfo error{};
                 lib->GetLastError(&error, 0);
                 polledStatus_ = status;
@@ -549,10 +576,8 @@ bool Workbench::OnTimer(int id) {
             return true;
         case timer::kPcieLink:
             if (lib != nullptr && document_->hasBoard()) {
-                uint32_t link = 0;
-                if (lib->GetInfo(document_->handle(), ORVIX_BOARD_STATE, &link) == ORVIX_SUCCESS) {
-                    pcieLink_ = link;
-                }
+                uint32_t state = 0;
+                lib->GetInfo(document_->handle(), ORVIX_BOARD_STATE, &state);
                 if (services_.sink != nullptr) {
                     services_.sink->post(msg::kPcieLink, 0, 0);
                 }

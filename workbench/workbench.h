@@ -19,6 +19,7 @@
 #include "recording/system_status.h"
 #include "recording/video_controller.h"
 #include "recording/video_recorder.h"
+#include "workbench/app_settings.h"
 #include "workbench/commands.h"
 #include "workbench/grab_controller.h"
 
@@ -42,6 +43,9 @@ struct WorkbenchServices {
     std::string helpFolder;
     std::string logFolder;
     std::function<void(const std::string& folder)> openFolder;
+    // The settings the application holds while it runs (written back at exit); null: the start
+    // prompt's flag is read from and written to `settings` at once.
+    AppSettings* appSettings = nullptr;
 };
 
 // The main frame's timers: ids and periods.
@@ -152,7 +156,10 @@ class Workbench {
     bool OnTimer(int id);
     // The status word the last poll read (0x11FF before the first).
     int32_t polledStatus() const { return polledStatus_; }
-    // The PCIe link word 0x10000008 read by timer 0x4000B; empty before or without a board.
+    // Whether the last poll could read the status at all.
+    bool polledStatusReadable() const { return polledStatusReadable_; }
+    // The PCIe link word 0x20000002 read when 0x476 arrives (posted by timer 0x4000B); empty
+    // before or without a board. An insufficient link is logged then, once.
     std::optional<uint32_t> pcieLink() const { return pcieLink_; }
 
     // The main frame's destroy order: the board stopped, the grab marked stopped, the engine's
@@ -161,6 +168,7 @@ class Workbench {
 
   private:
     void StartPendingVideo(bool patienceOver);
+    void ReadPcieLink();
 
     WorkbenchServices services_;
     Clock& clock_;
@@ -176,6 +184,7 @@ class Workbench {
 
     bool configurationModified_ = false;
     int32_t polledStatus_ = 0x11FF;
+    bool polledStatusReadable_ = true;
     std::optional<uint32_t> pcieLink_;
     struct PendingVideo {
         std::string path;
