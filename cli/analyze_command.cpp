@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <opencv2/imgcodecs.hpp>
 #include <sstream>
 
 #include "analysis/bad_pixel_detector.h"
@@ -16,6 +15,7 @@
 #include "analysis/line_profile.h"
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
+#include "recording/image_files.h"
 
 namespace lumetra::cli {
 namespace {
@@ -188,21 +188,11 @@ std::string loadImage(const Request& r, FrameImage& frame, MessageLog& log) {
     if (!std::ifstream(r.file, std::ios::binary)) {
         return "cannot read " + r.file + ": permission denied";
     }
+    // The still-image readers: a damaged or truncated file is refused, never analysed half grey.
     cv::Mat m;
-    try {
-        m = cv::imread(r.file, cv::IMREAD_UNCHANGED);
-    } catch (const cv::Exception& e) {
-        return "cannot read " + r.file + ": " + e.what();
-    }
-    if (m.empty()) {
-        return "cannot read " + r.file + ": not an image format that can be decoded, or damaged";
-    }
-    if (m.depth() != CV_8U && m.depth() != CV_16U) {
-        return "cannot read " + r.file + ": only 8-bit and 16-bit samples are analysed";
-    }
-    if (m.channels() != 1 && m.channels() != 3 && m.channels() != 4) {
-        return "cannot read " + r.file + ": " + std::to_string(m.channels()) +
-               "-channel images are not analysed";
+    std::string error;
+    if (!LoadImageFile(r.file, m, error)) {
+        return "cannot read " + r.file + ": " + error;
     }
     const int sampleBits = m.depth() == CV_8U ? 8 : static_cast<int>(r.bits.value_or(16));
     if (m.depth() == CV_8U && r.bits && *r.bits != 8) {

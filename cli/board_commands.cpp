@@ -4,6 +4,7 @@
 #include <QJsonObject>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "base/process_flags.h"
@@ -14,6 +15,16 @@ namespace lumetra::cli {
 namespace {}  // namespace
 
 int RunBoards(Session& s) {
+    Arguments args("boards", s.options.args);
+    const bool discover = args.Flag("--discover");
+    if (!args.Finish()) {
+        return 2;
+    }
+    if (discover) {
+        // Board libraries that find cameras on a network (libOrvixAravis) search only when asked:
+        // discovery broadcasts on every interface.
+        ::setenv("ORVIX_DISCOVER", "1", 1);
+    }
     if (!s.LoadLibrary()) {
         return 1;
     }
@@ -100,8 +111,15 @@ int RunSet(Session& s) {
         }
         const std::string key = arg.substr(0, eq);
         uint32_t id = ParameterIdOfShortName(key);
-        if (id == 0) {
-            id = static_cast<uint32_t>(ParseInteger(key).value_or(0));
+        const auto number = ParseInteger(key);
+        if (id == 0 && number && *number > 0 && *number <= 0xFFFFFFFF) {
+            id = static_cast<uint32_t>(*number);
+            // Only ids of the parameter record: anything else would reach the board unchecked.
+            static const BoardParameters kKnown;
+            if (!kKnown.has(id)) {
+                std::fprintf(stderr, "lumetra-cli set: unknown parameter id 0x%08X\n", id);
+                return 2;
+            }
         }
         const auto value = ParseInteger(std::string_view(arg).substr(eq + 1));
         if (id == 0) {

@@ -6,15 +6,16 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <opencv2/imgcodecs.hpp>
 #include <optional>
 #include <string>
 
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
+#include "cli/save_options.h"
 #include "imaging/display_modes.h"
 #include "imaging/display_render.h"
 #include "recording/image_files.h"
+#include "recording/recording_settings.h"
 
 namespace lumetra::cli {
 namespace {
@@ -28,6 +29,7 @@ struct ConvertRequest {
     std::optional<int> shift;
     bool adaptive = false;
     std::optional<int> bits;
+    TiffChoices tiff;
     RawLayout raw;  // for a raw input file
 };
 
@@ -55,6 +57,9 @@ std::optional<ConvertRequest> ParseRequest(Arguments& args) {
     const auto bits = args.Integer("--bits");
     const auto size = args.Value("--size");
     const auto channels = args.Integer("--channels");
+    if (!ParseTiffChoices(args, r.tiff)) {
+        return std::nullopt;
+    }
     const std::vector<std::string> files = args.Positional();
     if (!args.Finish()) {
         return std::nullopt;
@@ -66,6 +71,10 @@ std::optional<ConvertRequest> ParseRequest(Arguments& args) {
     }
     r.input = r.grab ? std::string() : files[0];
     r.output = files.back();
+    if (r.tiff.given() && ImageFileTypeOf(r.output) != ImageFileType::kTiff) {
+        args.Error("--lzw, --tiff-compression and --dpi are for a TIFF output file (.tif)");
+        return std::nullopt;
+    }
     if (mode) {
         if (!IsValidDisplayMode(static_cast<int>(*mode))) {
             args.Error("--mode must be a display mode from 0 to 13, not " + std::to_string(*mode));
@@ -149,21 +158,12 @@ bool ReadImage(Session& s, const ConvertRequest& r, ImageBuffer& raw) {
             return false;
         }
     } else {
-        try {
-            image = cv::imread(path, cv::IMREAD_UNCHANGED);
-        } catch (const cv::Exception& e) {
-            Fail(s, "cannot read " + path + ": " + e.what());
+        // The still-image readers: a damaged file is refused, never half-read.
+        std::string error;
+        if (!LoadImageFile(path, image, error)) {
+            Fail(s, "cannot read " + path + ": " + error);
             return false;
         }
-    }
-    if (image.empty()) {
-        Fail(s, "cannot read " + path + ": not an image file this tool reads (PGM, PPM, PNG, ...)");
-        return false;
-    }
-    if ((image.depth() != CV_8U && image.depth() != CV_16U) ||
-        (image.channels() != 1 && image.channels() != 3 && image.channels() != 4)) {
-        Fail(s, "cannot convert " + path + ": only 8- and 16-bit images of 1, 3 or 4 channels");
-        return false;
     }
     const int depth = image.depth() == CV_8U ? 8 : 16;
     if (!raw.TryCreate(depth, image.channels(), image.cols, image.rows)) {
@@ -187,30 +187,22 @@ bool GrabFrame(Session& s) {
     return true;
 }
 
-bool WriteImage(Session& s, const std::string& path, const cv::Mat& image) {
-    if (ImageFileTypeOf(path) == ImageFileType::kRaw) {
-        std::string error;
-        if (!SaveImageFile(image, path, ImageSaveOptions{}, error)) {
-            Fail(s, error);
-            return false;
-        }
-        return true;
-    }
-    if (!cv::haveImageWriter(path)) {
+// Through the still-image paths, with the TIFF settings and the options given.
+bool WriteImage(Session& s, const ConvertRequest& r, const cv::Mat& image) {
+    const std::string& path = r.output;
+    if (ImageFileTypeOf(path) == ImageFileType::kUnknown) {
         Fail(s, "cannot write " + path + ": no image format has that extension");
         return false;
     }
-    bool written = false;
-    try {
-        written = cv::imwrite(path, image);
-    } catch (const cv::Exception& e) {
-        Fail(s, "cannot write " + path + ": " + e.what());
+    ImageSaveOptions options = ReadImageSaveOptions(s.settings);
+    ApplyTiffChoices(r.tiff, options);
+    options.significantBits = r.bits.value_or(16);
+    std::string error;
+    if (!SaveImageFile(image, path, options, error)) {
+        Fail(s, "cannot write " + path + ": " + error);
         return false;
     }
-    if (!written) {
-        Fail(s, "cannot write " + path + ": the file cannot be made");
-    }
-    return written;
+    return true;
 }
 
 void PrintWritten(Session& s, const ConvertRequest& r, const cv::Mat& image) {
@@ -301,7 +293,7 @@ int RunConvert(Session& s) {
         Fail(s, refusal);
         return 1;
     }
-    if (!WriteImage(s, r.output, image)) {
+    if (!WriteImage(s, r, image)) {
         return 1;
     }
     PrintWritten(s, r, image);

@@ -10,6 +10,7 @@
 
 #include "cli/arguments.h"
 #include "cli/cli_output.h"
+#include "cli/save_options.h"
 
 namespace lumetra::cli {
 namespace {
@@ -24,8 +25,7 @@ struct GrabRequest {
     std::string record;
     std::string save;
     std::optional<int64_t> count;
-    bool lzw = false;
-    std::optional<std::pair<int, int>> dpi;
+    TiffChoices tiff;
 };
 
 struct GrabFigures {
@@ -35,26 +35,9 @@ struct GrabFigures {
     double fps = 0.0;
 };
 
-std::optional<std::pair<int, int>> ParseDpi(const std::string& text) {
-    const size_t comma = text.find(',');
-    if (comma == std::string::npos) {
-        return std::nullopt;
-    }
-    const auto x = ParseInteger(text.substr(0, comma));
-    const auto y = ParseInteger(text.substr(comma + 1));
-    if (!x || !y || *x <= 0 || *y <= 0 || *x > 100000 || *y > 100000) {
-        return std::nullopt;
-    }
-    return std::make_pair(static_cast<int>(*x), static_cast<int>(*y));
-}
-
 ImageSaveOptions SaveOptionsOf(Workbench& wb, const GrabRequest& o) {
     ImageSaveOptions options = wb.imageSaveOptions();
-    options.lzw = options.lzw || o.lzw;
-    if (o.dpi) {
-        options.dpiX = o.dpi->first;
-        options.dpiY = o.dpi->second;
-    }
+    ApplyTiffChoices(o.tiff, options);
     return options;
 }
 
@@ -75,6 +58,7 @@ void printFigures(Session& s, const GrabFigures& f, const GrabRequest& o, bool o
             v["result"] = recorder->result();
             v["framesEncoded"] = static_cast<qint64>(recorder->framesEncoded());
             v["rate"] = recorder->rate();
+            v["failures"] = wb.video().failures();
             out["video"] = v;
         }
         if (saver) {
@@ -156,14 +140,7 @@ int RunGrab(Session& s) {
     o.record = args.Value("--record").value_or("");
     o.save = args.Value("--save").value_or("");
     o.count = args.Integer("--count");
-    o.lzw = args.Flag("--lzw");
-    if (auto dpi = args.Value("--dpi")) {
-        o.dpi = ParseDpi(*dpi);
-        if (!o.dpi) {
-            args.Error("--dpi needs X,Y with whole numbers above 0, not '" + *dpi + "'");
-        }
-    }
-    if (!args.Finish() || !Validate(args, o)) {
+    if (!ParseTiffChoices(args, o.tiff) || !args.Finish() || !Validate(args, o)) {
         return 2;
     }
     if (!o.save.empty()) {
@@ -173,6 +150,27 @@ int RunGrab(Session& s) {
             args.Error("--save needs DIR/NAME.EXT, not '" + o.save + "'");
             return 2;
         }
+    }
+    if (!o.snapshot.empty() && ImageFileTypeOf(o.snapshot) == ImageFileType::kUnknown) {
+        args.Error("--snapshot needs a .bmp, .jpg, .png, .tif, .raw, .pgm or .ppm file, not '" +
+                   o.snapshot + "'");
+        return 2;
+    }
+    s.OpenDocument();
+    Workbench& wb = *s.workbench;
+    GrabEngine& engine = wb.engine();
+    if (!s.document->hasBoard()) {
+        // The command runs all the same, so that the user reads what the main frame says.
+        if (o.once) {
+            wb.GrabOnce();
+        } else {
+            wb.GrabContinuous();
+        }
+        s.Dispatch();
+        printFigures(s, GrabFigures{}, o, false);
+        return 1;
+    }
+    if (!o.save.empty()) {
         // The command line names the folder to fill, as a save dialog would let one make it.
         const std::filesystem::path folder = std::filesystem::path(o.save).parent_path();
         std::error_code ec;
@@ -182,16 +180,6 @@ int RunGrab(Session& s) {
             return 2;
         }
     }
-    if (!o.snapshot.empty() && ImageFileTypeOf(o.snapshot) == ImageFileType::kUnknown) {
-        args.Error("--snapshot needs a .bmp, .jpg, .png, .tif or .raw file, not '" + o.snapshot +
-                   "'");
-        return 2;
-    }
-    if (!s.OpenDocument()) {
-        return NoBoard(s);
-    }
-    Workbench& wb = *s.workbench;
-    GrabEngine& engine = wb.engine();
     const ImageSaveOptions saveOptions = SaveOptionsOf(wb, o);
     const bool recording = !o.record.empty();
 
@@ -205,15 +193,18 @@ int RunGrab(Session& s) {
     }
 
     GrabFigures figures;
-    const auto start = std::chrono::steady_clock::now();
     if (!ok) {
         // The sequence could not start: nothing is grabbed.
     } else if (o.once) {
         ok = s.SingleShot();
     } else if (wb.GrabContinuous()) {
+        // The time counts from the grab's start, so that --seconds S at R frames per second
+        // delivers S x R frames.
+        const auto start = std::chrono::steady_clock::now();
         if (recording) {
             wb.StartVideoWhenRated(o.record);
         }
+        const SequenceSaver* saver = o.save.empty() ? nullptr : &wb.sequenceSaver();
         const bool tty = isatty(STDERR_FILENO) != 0;
         auto nextProgress = start + std::chrono::seconds(1);
         bool stoppedByItself = false;
@@ -237,8 +228,14 @@ int RunGrab(Session& s) {
                 break;
             }
             if (tty && now >= nextProgress) {
-                std::fprintf(stderr, "\r%u frames, %.1f fps, %u lost   ", frames, frames / elapsed,
+                std::fprintf(stderr, "\r%u frames, %.1f fps, %u lost", frames, frames / elapsed,
                              engine.context().lostEvents.load());
+                if (saver != nullptr) {
+                    // What the saver could not take is said while it happens.
+                    std::fprintf(stderr, "; sequence %d of %d saved, %d missed", saver->saved(),
+                                 saver->requested(), saver->missed());
+                }
+                std::fputs("   ", stderr);
                 nextProgress += std::chrono::seconds(1);
             }
         }
@@ -267,7 +264,8 @@ int RunGrab(Session& s) {
         wb.StopVideo();
         s.Dispatch();
         const VideoRecorder& recorder = wb.videoRecorder();
-        ok = ok && !recorder.path().empty() && recorder.result() == video::kSuccess;
+        ok = ok && !recorder.path().empty() && recorder.result() == video::kSuccess &&
+             wb.video().failures() == 0;
     }
     figures.grabbed = engine.context().frameCounter;
     figures.displayed = engine.context().framesDisplayed;

@@ -5,12 +5,17 @@
 
 // jpeglib.h needs FILE and size_t declared before it.
 #include <jpeglib.h>
+// After jpeglib.h, which it needs.
+#include <jerror.h>
+
+#include "base/debug_output.h"
 
 namespace lumetra {
 namespace {
 
 // libjpeg reports through longjmp; any warning (a truncated or corrupt stream) counts as failure,
-// so a damaged file is never shown half grey.
+// so a damaged file is never shown half grey. Its messages go to the debug output, never to the
+// terminal.
 struct JpegErrors {
     jpeg_error_mgr manager;
     std::jmp_buf jump;
@@ -18,17 +23,30 @@ struct JpegErrors {
     bool warned;
 };
 
+void Debug(const char* kind, const char* text) {
+    char line[JMSG_LENGTH_MAX + 32];
+    std::snprintf(line, sizeof line, "libjpeg %s: %s", kind, text);
+    DebugOutput(line);
+}
+
 void JpegErrorExit(j_common_ptr info) {
     auto* errors = reinterpret_cast<JpegErrors*>(info->err);
     (*info->err->format_message)(info, errors->message);
+    Debug("error", errors->message);
     std::longjmp(errors->jump, 1);
 }
 
 void JpegEmitMessage(j_common_ptr info, int level) {
     auto* errors = reinterpret_cast<JpegErrors*>(info->err);
-    if (level < 0 && !errors->warned) {
+    if (level >= 0) {
+        return;  // trace messages
+    }
+    char text[JMSG_LENGTH_MAX];
+    (*info->err->format_message)(info, text);
+    Debug("warning", text);
+    if (!errors->warned) {
         errors->warned = true;
-        (*info->err->format_message)(info, errors->message);
+        std::snprintf(errors->message, sizeof errors->message, "%s", text);
     }
 }
 
@@ -43,11 +61,19 @@ bool DecodeJpegInto(const uint8_t* data, size_t size, cv::Mat* image, char* reas
     errors.warned = false;
     errors.message[0] = '\0';
     if (setjmp(errors.jump) != 0) {
+        if (errors.manager.msg_code == JERR_NO_BACKING_STORE) {
+            std::snprintf(reason, reasonSize, "a %u x %u picture is too large", info.image_width,
+                          info.image_height);
+        } else {
+            std::snprintf(reason, reasonSize, "%s", errors.message);
+        }
         jpeg_destroy_decompress(&info);
-        std::snprintf(reason, reasonSize, "%s", errors.message);
         return false;
     }
     jpeg_create_decompress(&info);
+    // A progressive picture is gathered whole before its first row comes out: it may take this
+    // much (some 350 megapixels), and a larger claim fails at once instead of filling memory.
+    info.mem->max_memory_to_use = 2L << 30;
     jpeg_mem_src(&info, data, static_cast<unsigned long>(size));
     jpeg_read_header(&info, TRUE);
     int channels = 0;
@@ -63,13 +89,38 @@ bool DecodeJpegInto(const uint8_t* data, size_t size, cv::Mat* image, char* reas
                       info.num_components);
         return false;
     }
+    // A few hundred bytes may claim 65500 x 65500 pixels. Huffman-coded sequential data spend at
+    // least two bits on every 8 x 8 block (a DC code and an end of block), so such a claim is
+    // refused before anything is allocated; otherwise the picture may not be had, and decoding
+    // stops at the first sign that the data have run out rather than fill gigabytes with
+    // nothing.
+    if (!info.progressive_mode && !info.arith_code) {
+        const uint64_t blocks =
+            uint64_t((info.image_width + 7) / 8) * uint64_t((info.image_height + 7) / 8);
+        if (blocks / 4 > size) {
+            jpeg_destroy_decompress(&info);
+            std::snprintf(reason, reasonSize, "too little data for a %u x %u picture",
+                          info.image_width, info.image_height);
+            return false;
+        }
+    }
     jpeg_start_decompress(&info);
-    image->create(int(info.output_height), int(info.output_width), CV_MAKETYPE(CV_8U, channels));
-    while (info.output_scanline < info.output_height) {
+    try {
+        image->create(int(info.output_height), int(info.output_width),
+                      CV_MAKETYPE(CV_8U, channels));
+    } catch (...) {
+        jpeg_destroy_decompress(&info);
+        std::snprintf(reason, reasonSize, "no memory for a %u x %u picture", info.output_width,
+                      info.output_height);
+        return false;
+    }
+    while (info.output_scanline < info.output_height && !errors.warned) {
         JSAMPROW row = image->ptr(int(info.output_scanline));
         jpeg_read_scanlines(&info, &row, 1);
     }
-    jpeg_finish_decompress(&info);
+    if (!errors.warned) {
+        jpeg_finish_decompress(&info);
+    }
     const bool warned = errors.warned;
     if (warned) {
         std::snprintf(reason, reasonSize, "%s", errors.message);

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <bit>
 #include <cctype>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -21,6 +20,7 @@
 #include <tiffio.h>
 
 #include "imaging/jpeg_decoder.h"
+#include "recording/image_codecs.h"
 
 namespace lumetra {
 namespace {
@@ -45,8 +45,9 @@ std::string LowerExtension(std::string_view path) {
     return ext;
 }
 
-// Where a save goes: a temporary file beside the target, renamed over it once complete. A target
-// that exists and is not a regular file (a device, a pipe) is written in place, never replaced.
+// Where a save goes: a temporary file beside the target, put in place by StagedImageFile. A
+// target that exists and is not a regular file (a device, a pipe) is written in place, never
+// replaced.
 class OutputFile {
   public:
     ~OutputFile() { Abandon(); }
@@ -104,20 +105,17 @@ class OutputFile {
         return true;
     }
 
-    bool Commit(std::string& error) {
+    // Closes the file; temp is the file waiting for its name (empty for an in-place write).
+    bool Close(std::string& temp, std::string& error) {
         const int fd = fd_;
         fd_ = -1;
         if (::close(fd) != 0) {
             error = "cannot write the file (" + ErrnoText(errno) + ")";
+            Abandon();
             return false;
         }
-        if (!temp_.empty()) {
-            if (::rename(temp_.c_str(), path_.c_str()) != 0) {
-                error = "cannot replace the file (" + ErrnoText(errno) + ")";
-                return false;
-            }
-            temp_.clear();
-        }
+        temp = std::move(temp_);
+        temp_.clear();
         return true;
     }
 
@@ -182,17 +180,23 @@ cv::Mat To8Bits(const cv::Mat& image, int significantBits) {
     return out;
 }
 
-bool EncodeWithCodec(const cv::Mat& image, ImageFileType type, const ImageSaveOptions& options,
-                     std::vector<uint8_t>& bytes, std::string& error) {
-    cv::Mat pixels = DropFourthChannel(image);
+// Every format but TIFF and raw is encoded in memory first.
+bool Encode(const cv::Mat& image, ImageFileType type, const ImageSaveOptions& options,
+            std::vector<uint8_t>& bytes, std::string& error) {
+    switch (type) {
+        case ImageFileType::kPng:
+            return codecs::EncodePng(image, options.pngLevel, bytes, error);
+        case ImageFileType::kPgm:
+        case ImageFileType::kPpm:
+            return codecs::EncodePnm(image, type == ImageFileType::kPpm, bytes, error);
+        default:
+            break;
+    }
+    const cv::Mat pixels = To8Bits(DropFourthChannel(image), options.significantBits);
     std::vector<int> params;
-    const char* ext = ".png";
-    if (type == ImageFileType::kBmp) {
-        ext = ".bmp";
-        pixels = To8Bits(pixels, options.significantBits);
-    } else if (type == ImageFileType::kJpeg) {
+    const char* ext = ".bmp";
+    if (type == ImageFileType::kJpeg) {
         ext = ".jpg";
-        pixels = To8Bits(pixels, options.significantBits);
         params = {cv::IMWRITE_JPEG_QUALITY, std::clamp(options.jpegQuality, 0, 100)};
     }
     try {
@@ -205,117 +209,6 @@ bool EncodeWithCodec(const cv::Mat& image, ImageFileType type, const ImageSaveOp
         return false;
     }
     return true;
-}
-
-struct TiffErrors {
-    std::string text;
-    int error = 0;  // errno at the first failure, when the system gave one
-};
-
-int TiffMessage(TIFF*, void* user, const char*, const char* format, va_list ap) {
-    auto& errors = *static_cast<TiffErrors*>(user);
-    if (errors.text.empty()) {
-        errors.error = errno;
-        char buffer[512];
-        std::vsnprintf(buffer, sizeof buffer, format, ap);
-        errors.text = buffer;
-    }
-    return 1;  // handled: nothing goes to standard error
-}
-
-int TiffWarning(TIFF*, void*, const char*, const char*, va_list) {
-    return 1;
-}
-
-bool WriteTiff(int fd, const std::string& name, const cv::Mat& image,
-               const ImageSaveOptions& options, std::string& error) {
-    // libtiff closes the descriptor it is given; the output file keeps its own.
-    const int tiffFd = ::dup(fd);
-    if (tiffFd < 0) {
-        error = "cannot write the file (" + ErrnoText(errno) + ")";
-        return false;
-    }
-    TiffErrors tiffError;
-    errno = 0;
-    TIFFOpenOptions* openOptions = TIFFOpenOptionsAlloc();
-    TIFFOpenOptionsSetErrorHandlerExtR(openOptions, TiffMessage, &tiffError);
-    TIFFOpenOptionsSetWarningHandlerExtR(openOptions, TiffWarning, nullptr);
-    TIFF* tif = TIFFFdOpenExt(tiffFd, name.c_str(), "w", openOptions);
-    TIFFOpenOptionsFree(openOptions);
-    // The system's reason says more than libtiff's ("Error writing TIFF header").
-    auto reason = [&tiffError] {
-        if (tiffError.error != 0) {
-            return ErrnoText(tiffError.error);
-        }
-        return tiffError.text.empty() ? std::string("TIFF write failed") : tiffError.text;
-    };
-    if (tif == nullptr) {
-        ::close(tiffFd);
-        error = "cannot write the file (" + reason() + ")";
-        return false;
-    }
-    const int channels = image.channels();
-    const int bits = image.depth() == CV_16U ? 16 : 8;
-    const size_t rowBytes = size_t(image.cols) * size_t(channels) * size_t(bits / 8);
-    const uint32_t rowsPerStrip =
-        static_cast<uint32_t>(std::clamp<size_t>((size_t{256} << 10) / rowBytes, 1, image.rows));
-    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(image.cols));
-    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(image.rows));
-    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, static_cast<uint16_t>(bits));
-    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, static_cast<uint16_t>(channels));
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC,
-                 channels == 1 ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
-    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    if (channels == 4) {
-        // The C sample is neither alpha nor colour.
-        const uint16_t extra[] = {EXTRASAMPLE_UNSPECIFIED};
-        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, extra);
-    }
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, options.lzw ? COMPRESSION_LZW : COMPRESSION_NONE);
-    if (options.lzw) {
-        TIFFSetField(tif, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
-    }
-    // A resolution must be positive; a bad setting falls back to the usual 96.
-    TIFFSetField(tif, TIFFTAG_XRESOLUTION,
-                 static_cast<float>(options.dpiX > 0 ? options.dpiX : 96));
-    TIFFSetField(tif, TIFFTAG_YRESOLUTION,
-                 static_cast<float>(options.dpiY > 0 ? options.dpiY : 96));
-    TIFFSetField(tif, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
-    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
-
-    // The encoder works in place (the predictor), so every strip goes through a copy.
-    std::vector<uint8_t> strip(rowBytes * rowsPerStrip);
-    bool ok = true;
-    for (int top = 0, index = 0; ok && top < image.rows; top += int(rowsPerStrip), ++index) {
-        const int rows = std::min<int>(int(rowsPerStrip), image.rows - top);
-        for (int r = 0; r < rows; ++r) {
-            uint8_t* dst = strip.data() + size_t(r) * rowBytes;
-            std::memcpy(dst, image.ptr(top + r), rowBytes);
-            if (channels >= 3) {
-                if (bits == 8) {
-                    for (size_t i = 0; i < rowBytes; i += size_t(channels)) {
-                        std::swap(dst[i], dst[i + 2]);
-                    }
-                } else {
-                    auto* words = reinterpret_cast<uint16_t*>(dst);
-                    for (size_t i = 0; i < rowBytes / 2; i += size_t(channels)) {
-                        std::swap(words[i], words[i + 2]);
-                    }
-                }
-            }
-        }
-        ok = TIFFWriteEncodedStrip(tif, uint32_t(index), strip.data(),
-                                   static_cast<tmsize_t>(size_t(rows) * rowBytes)) >= 0;
-    }
-    ok = ok && TIFFFlush(tif) == 1;
-    if (!ok && tiffError.error == 0) {
-        tiffError.error = errno;
-    }
-    TIFFClose(tif);
-    if (!ok) {
-        error = "cannot write the file (" + reason() + ")";
-    }
-    return ok;
 }
 
 bool WriteRaw(OutputFile& out, const cv::Mat& image, std::string& error) {
@@ -362,7 +255,7 @@ bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::st
     return true;
 }
 
-enum class Signature { kUnknown, kBmp, kJpeg, kPng, kTiff };
+enum class Signature { kUnknown, kBmp, kJpeg, kPng, kTiff, kPnm };
 
 Signature SignatureOf(const std::vector<uint8_t>& b) {
     auto starts = [&](std::initializer_list<uint8_t> magic) {
@@ -381,7 +274,46 @@ Signature SignatureOf(const std::vector<uint8_t>& b) {
         starts({'M', 'M', 0, 43})) {
         return Signature::kTiff;
     }
+    if (codecs::IsPnm(b.data(), b.size())) {
+        return Signature::kPnm;
+    }
     return Signature::kUnknown;
+}
+
+bool Decode(const std::vector<uint8_t>& bytes, Signature signature, cv::Mat& image,
+            std::string& error) {
+    switch (signature) {
+        case Signature::kJpeg:
+            return DecodeJpeg(bytes.data(), bytes.size(), image, error);
+        case Signature::kPng:
+            return codecs::DecodePng(bytes.data(), bytes.size(), image, error);
+        case Signature::kTiff:
+            return codecs::DecodeTiff(bytes.data(), bytes.size(), image, error);
+        case Signature::kPnm:
+            return codecs::DecodePnm(bytes.data(), bytes.size(), image, error);
+        case Signature::kBmp:
+            break;
+        case Signature::kUnknown:
+            error = bytes.empty() ? "the file is empty"
+                                  : "unsupported image format (BMP, JPEG, PNG, TIFF, PGM and PPM "
+                                    "are read)";
+            return false;
+    }
+    // OpenCV's own bitmap reader, once the rows are known to be there: a short file would make
+    // it report on the terminal.
+    if (!codecs::BmpComplete(bytes.data(), bytes.size(), error)) {
+        return false;
+    }
+    try {
+        image = cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
+    } catch (const cv::Exception&) {
+        image.release();
+    }
+    if (image.empty()) {
+        error = "the file is damaged or of an unsupported kind";
+        return false;
+    }
+    return true;
 }
 
 std::string Plural(int n, const char* word) {
@@ -407,6 +339,12 @@ ImageFileType ImageFileTypeOf(std::string_view path) {
     if (ext == "raw") {
         return ImageFileType::kRaw;
     }
+    if (ext == "pgm") {
+        return ImageFileType::kPgm;
+    }
+    if (ext == "ppm") {
+        return ImageFileType::kPpm;
+    }
     return ImageFileType::kUnknown;
 }
 
@@ -425,11 +363,89 @@ std::string_view ImageTypeExtension(int index) {
     }
 }
 
-bool SaveImageFile(const cv::Mat& image, const std::string& path, const ImageSaveOptions& options,
-                   std::string& error) {
+std::optional<TiffCompression> TiffCompressionOf(std::string_view name) {
+    std::string lower(name);
+    for (char& c : lower) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    for (TiffCompression c : {TiffCompression::kNone, TiffCompression::kLzw,
+                              TiffCompression::kDeflate, TiffCompression::kZstd}) {
+        if (lower == TiffCompressionName(c)) {
+            return c;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string_view TiffCompressionName(TiffCompression compression) {
+    switch (compression) {
+        case TiffCompression::kLzw:
+            return "lzw";
+        case TiffCompression::kDeflate:
+            return "deflate";
+        case TiffCompression::kZstd:
+            return "zstd";
+        case TiffCompression::kNone:
+            break;
+    }
+    return "none";
+}
+
+bool TiffCompressionAvailable(TiffCompression compression) {
+    switch (compression) {
+        case TiffCompression::kLzw:
+            return TIFFIsCODECConfigured(COMPRESSION_LZW) == 1;
+        case TiffCompression::kDeflate:
+            return TIFFIsCODECConfigured(COMPRESSION_ADOBE_DEFLATE) == 1;
+        case TiffCompression::kZstd:
+            return TIFFIsCODECConfigured(COMPRESSION_ZSTD) == 1;
+        case TiffCompression::kNone:
+            break;
+    }
+    return true;
+}
+
+StagedImageFile::StagedImageFile(StagedImageFile&& other) noexcept
+    : target_(std::move(other.target_)), temp_(std::move(other.temp_)) {
+    other.temp_.clear();
+}
+
+StagedImageFile& StagedImageFile::operator=(StagedImageFile&& other) noexcept {
+    if (this != &other) {
+        Discard();
+        target_ = std::move(other.target_);
+        temp_ = std::move(other.temp_);
+        other.temp_.clear();
+    }
+    return *this;
+}
+
+bool StagedImageFile::Commit(std::string& error) {
+    if (temp_.empty()) {
+        return true;
+    }
+    if (::rename(temp_.c_str(), target_.c_str()) != 0) {
+        error = "cannot replace the file (" + ErrnoText(errno) + ")";
+        Discard();
+        return false;
+    }
+    temp_.clear();
+    return true;
+}
+
+void StagedImageFile::Discard() {
+    if (!temp_.empty()) {
+        ::unlink(temp_.c_str());
+        temp_.clear();
+    }
+}
+
+bool StageImageFile(const cv::Mat& image, const std::string& path, const ImageSaveOptions& options,
+                    StagedImageFile& staged, std::string& error) {
+    staged.Discard();
     const ImageFileType type = ImageFileTypeOf(path);
     if (type == ImageFileType::kUnknown) {
-        error = "unknown image file extension (use bmp, jpg, png, tif or raw)";
+        error = "unknown image file extension (use bmp, jpg, png, tif, raw, pgm or ppm)";
         return false;
     }
     if (!CheckShape(image, error)) {
@@ -437,7 +453,7 @@ bool SaveImageFile(const cv::Mat& image, const std::string& path, const ImageSav
     }
     std::vector<uint8_t> encoded;
     if (type != ImageFileType::kTiff && type != ImageFileType::kRaw &&
-        !EncodeWithCodec(image, type, options, encoded, error)) {
+        !Encode(image, type, options, encoded, error)) {
         return false;
     }
     OutputFile out;
@@ -447,7 +463,7 @@ bool SaveImageFile(const cv::Mat& image, const std::string& path, const ImageSav
     bool ok = false;
     switch (type) {
         case ImageFileType::kTiff:
-            ok = WriteTiff(out.fd(), path, image, options, error);
+            ok = codecs::WriteTiff(out.fd(), path, image, options, error);
             break;
         case ImageFileType::kRaw:
             ok = WriteRaw(out, image, error);
@@ -456,11 +472,19 @@ bool SaveImageFile(const cv::Mat& image, const std::string& path, const ImageSav
             ok = out.Write(encoded.data(), encoded.size(), error);
             break;
     }
-    if (!ok) {
-        out.Abandon();
+    std::string temp;
+    if (!ok || !out.Close(temp, error)) {
         return false;
     }
-    return out.Commit(error);
+    staged.target_ = path;
+    staged.temp_ = std::move(temp);
+    return true;
+}
+
+bool SaveImageFile(const cv::Mat& image, const std::string& path, const ImageSaveOptions& options,
+                   std::string& error) {
+    StagedImageFile staged;
+    return StageImageFile(image, path, options, staged, error) && staged.Commit(error);
 }
 
 bool LoadImageFile(const std::string& path, cv::Mat& image, std::string& error) {
@@ -468,26 +492,9 @@ bool LoadImageFile(const std::string& path, cv::Mat& image, std::string& error) 
     if (!ReadWholeFile(path, bytes, error)) {
         return false;
     }
-    const Signature signature = SignatureOf(bytes);
-    if (signature == Signature::kUnknown) {
-        error = bytes.empty() ? "the file is empty" : "unsupported image format";
-        return false;
-    }
     cv::Mat decoded;
-    if (signature == Signature::kJpeg) {
-        if (!DecodeJpeg(bytes.data(), bytes.size(), decoded, error)) {
-            return false;
-        }
-    } else {
-        try {
-            decoded = cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
-        } catch (const cv::Exception&) {
-            decoded.release();
-        }
-        if (decoded.empty()) {
-            error = "the file is damaged, truncated or of an unsupported kind";
-            return false;
-        }
+    if (!Decode(bytes, SignatureOf(bytes), decoded, error)) {
+        return false;
     }
     if (decoded.depth() != CV_8U && decoded.depth() != CV_16U) {
         error = "unsupported sample type (only 8-bit and 16-bit integer samples)";
@@ -610,6 +617,7 @@ bool AdoptImage(FrameImage& frame, const cv::Mat& image, int bitsPerSample, Mess
         }
         cv::Mat target = frame.raw().mat();
         image.copyTo(target);
+        frame.countFrame();
     }
     if (sink != nullptr) {
         sink->post(msg::kFrameSize, 0, 0);

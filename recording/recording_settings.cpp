@@ -13,7 +13,14 @@ VideoRateSettings ReadVideoRateSettings(Settings& settings) {
 
 ImageSaveOptions ReadImageSaveOptions(Settings& settings) {
     ImageSaveOptions o;
-    o.lzw = settings.readInt(kStatusInfo, kTifCompression, 0) != 0;
+    if (settings.readInt(kStatusInfo, kTifCompression, 0) != 0) {
+        const auto type =
+            TiffCompressionOf(settings.readString(kStatusInfo, kTifCompressionType, "lzw"));
+        o.tiffCompression =
+            type && *type != TiffCompression::kNone && TiffCompressionAvailable(*type)
+                ? *type
+                : TiffCompression::kLzw;
+    }
     o.dpiX = settings.readInt(kStatusInfo, kTifDpiX, kTifDpiDefault);
     o.dpiY = settings.readInt(kStatusInfo, kTifDpiY, kTifDpiDefault);
     return o;

@@ -5,7 +5,9 @@
 //                                     0: record every frame at the board's rate; an error ends
 //                                     the recording.
 //   "Video"/"FrameRate"        30     the cap, frames per second
-//   "StatusInfo"/"TifCompression" 0   0: TIFF without compression; any other value: LZW
+//   "StatusInfo"/"TifCompression" 0   0: TIFF without compression; any other value: compressed
+//                                     with "TifCompressionType"
+//   "StatusInfo"/"TifCompressionType" "lzw"  "lzw", "deflate" or "zstd"; any other text: LZW
 //   "StatusInfo"/"TifDpiX"     96     TIFF resolution, dots per inch
 //   "StatusInfo"/"TifDpiY"     96
 //   "ImageSave"/"ImageType"    0      the save dialog's file type: 0 bmp, 1 jpg, 2 png, 3 tif, 4
@@ -28,6 +30,7 @@ inline constexpr int kFrameRateDefault = 30;
 
 inline constexpr std::string_view kStatusInfo = "StatusInfo";
 inline constexpr std::string_view kTifCompression = "TifCompression";
+inline constexpr std::string_view kTifCompressionType = "TifCompressionType";
 inline constexpr std::string_view kTifDpiX = "TifDpiX";
 inline constexpr std::string_view kTifDpiY = "TifDpiY";
 inline constexpr int kTifDpiDefault = 96;
@@ -42,7 +45,8 @@ struct VideoRateSettings {
 };
 
 VideoRateSettings ReadVideoRateSettings(Settings& settings);
-// TIFF compression and resolution from the settings; the rest at their defaults.
+// TIFF compression and resolution from the settings; the rest at their defaults. A compression
+// this libtiff lacks falls back to LZW.
 ImageSaveOptions ReadImageSaveOptions(Settings& settings);
 
 }  // namespace lumetra

@@ -86,6 +86,7 @@ bool VideoController::Start(const std::string& path) {
         return false;
     }
     basePath_ = path;
+    failures_ = 0;
     recorder_.resetFileCounter();
     if (!Open(recorder_.NextFileName(basePath_), rate)) {
         prompt_.information(kVideoCreateFailedText);
@@ -101,6 +102,9 @@ void VideoController::HandleResult(intptr_t code) {
         return;  // not a code the recorder posts
     }
     log_.log(text);
+    if (code != video::kSuccess) {
+        ++failures_;
+    }
     if (code == video::kSuccess || stopOnError || !host_.continuousGrabRunning()) {
         return;
     }

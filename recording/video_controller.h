@@ -77,6 +77,9 @@ class VideoController {
     bool canStop() { return host_.continuousGrabRunning() && recorder_.running(); }
 
     const std::string& basePath() const { return basePath_; }
+    // Results other than success handled since the last Start: a recording that went on in a
+    // new file after a failure still lost frames.
+    int failures() const { return failures_; }
 
   private:
     bool Open(const std::string& path, double rate);
@@ -87,6 +90,7 @@ class VideoController {
     MessageLog& log_;
     Prompt& prompt_;
     std::string basePath_;
+    int failures_ = 0;
 };
 
 }  // namespace lumetra

@@ -9,7 +9,9 @@
 //           a fifth of the recorder's bits and has that much less to encode. Shown for the record.
 // References on each content: libx264 called directly with the recorder's own parameter block
 // (what the push, queue and worker add to x264), and ffmpeg held to the recorder's rate control.
-// Last, the sequence saver's sustained frames per second writing 16-bit LZW TIFF files.
+// Then the sequence saver, format by format (sequence_section.cpp).
+// Usage: record_bench [video] [sequence] [--runs N]: both sections by default; N runs of each
+// sequence side (3 by default; the video sides run 7 times).
 // Every side runs kRuns times, interleaved; reported are each side's best run and the median of
 // the per-run ratios (both sides of a run share the machine's load), in wall-clock frames per
 // second, with the CPU seconds each side spent. Frames are read from memory on every side.
@@ -20,15 +22,16 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "recording/sequence_saver.h"
 #include "recording/video_encoder_params.h"
 #include "recording/video_recorder.h"
+#include "sequence_section.h"
 
 namespace lumetra {
 namespace {
@@ -285,60 +288,6 @@ int ProbeFrames(const std::string& path) {
     return n;
 }
 
-struct SequenceRun {
-    double seconds = 0;
-    int saved = 0;
-    int missed = 0;
-    uint64_t bytes = 0;
-};
-
-// Frames are offered as fast as the queue takes them, so that the figure is the writer's own.
-SequenceRun SaveTiffSequence(const std::string& folder, int count) {
-    std::vector<std::vector<uint16_t>> frames(8, std::vector<uint16_t>(size_t(kWidth) * kHeight));
-    uint32_t seed = 777;
-    for (size_t n = 0; n < frames.size(); ++n) {
-        for (int y = 0; y < kHeight; ++y) {
-            for (int x = 0; x < kWidth; ++x) {
-                // 12-bit samples: a moving ramp with three bits of sensor noise.
-                seed = seed * 1664525u + 1013904223u;
-                const int v = ((x + int(n) * 7) * 3 + y * 2) % 4096;
-                frames[n][size_t(y) * kWidth + x] = static_cast<uint16_t>(v ^ (seed >> 29));
-            }
-        }
-    }
-    NullMessageLog quiet;
-    SequenceSaver saver(quiet);
-    SequenceRequest request;
-    request.base = folder + "/seq";
-    request.extension = "tif";
-    request.count = count;
-    request.setGeometry({kWidth, kHeight, 12, 1, false});
-    request.options.lzw = true;
-    request.queueFrames = 4;
-    std::string error;
-    SequenceRun r;
-    if (!saver.Start(request, error)) {
-        std::fprintf(stderr, "the sequence could not start: %s\n", error.c_str());
-        return r;
-    }
-    const auto start = Clock::now();
-    for (int i = 0; i < count; ++i) {
-        while (saver.queued() >= saver.queueCapacity() - 1) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        const auto& f = frames[size_t(i) % frames.size()];
-        saver.push(f.data(), f.size() * 2, false);
-    }
-    saver.Stop();
-    r.seconds = Seconds(start, Clock::now());
-    r.saved = saver.saved();
-    r.missed = saver.missed();
-    for (const auto& e : std::filesystem::directory_iterator(folder)) {
-        r.bytes += e.file_size();
-    }
-    return r;
-}
-
 struct Side {
     const char* label;
     std::function<Run(const Frames&, const std::string&)> record;
@@ -421,31 +370,48 @@ double Compare(const char* name, const Frames& frames, const std::filesystem::pa
 }  // namespace
 }  // namespace lumetra
 
-int main() {
+int main(int argc, char** argv) {
     using namespace lumetra;
-    const std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                                      ("lumetra-record-bench-" + std::to_string(getpid()));
-    std::filesystem::create_directories(dir);
-    std::printf(
-        "record bench: %d frames of %d x %d 8-bit mono at %.0f fps (recorder: ABR %d kbit/s), "
-        "%u cores; figures per side in the order recorder, ffmpeg, libx264 direct, ffmpeg at the "
-        "recorder's rate\n",
-        kFrames, kWidth, kHeight, kRate, VideoBitRate(kWidth, kRate),
-        std::thread::hardware_concurrency());
-    const double camera = Compare("camera", MakeCameraFrames(), dir);
-    const double pan = Compare("pan", MakePanFrames(), dir);
-    std::printf("goal: recorder at least 1.10x ffmpeg on camera content: %.2fx, %s (pan: %.2fx)\n",
-                camera, camera >= 1.1 ? "met" : "NOT met", pan);
-
-    const std::filesystem::path tiffDir = dir / "tiff";
-    std::filesystem::create_directories(tiffDir);
-    const SequenceRun seq = SaveTiffSequence(tiffDir.string(), 60);
-    std::printf(
-        "sequence saver, 16-bit LZW TIFF, %d x %d 12-bit mono: %.1f fps sustained "
-        "(%d saved, %d missed, %.1f MB/s of frames, %.2f MB per file)\n",
-        kWidth, kHeight, seq.seconds > 0 ? seq.saved / seq.seconds : 0.0, seq.saved, seq.missed,
-        seq.seconds > 0 ? seq.saved * kWidth * kHeight * 2 / seq.seconds / 1e6 : 0.0,
-        seq.saved > 0 ? seq.bytes / 1e6 / seq.saved : 0.0);
-    std::filesystem::remove_all(dir);
-    return camera > 0 && pan > 0 ? 0 : 1;
+    bool video = false;
+    bool sequence = false;
+    int runs = 0;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "video") {
+            video = true;
+        } else if (a == "sequence") {
+            sequence = true;
+        } else if (a == "--runs" && i + 1 < argc) {
+            runs = std::max(1, std::atoi(argv[++i]));
+        } else {
+            std::fprintf(stderr, "usage: record_bench [video] [sequence] [--runs N]\n");
+            return 2;
+        }
+    }
+    if (!video && !sequence) {
+        video = sequence = true;
+    }
+    int status = 0;
+    if (video) {
+        const std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                          ("lumetra-record-bench-" + std::to_string(getpid()));
+        std::filesystem::create_directories(dir);
+        std::printf(
+            "record bench: %d frames of %d x %d 8-bit mono at %.0f fps (recorder: ABR %d "
+            "kbit/s), %u cores; figures per side in the order recorder, ffmpeg, libx264 direct, "
+            "ffmpeg at the recorder's rate\n",
+            kFrames, kWidth, kHeight, kRate, VideoBitRate(kWidth, kRate),
+            std::thread::hardware_concurrency());
+        const double camera = Compare("camera", MakeCameraFrames(), dir);
+        const double pan = Compare("pan", MakePanFrames(), dir);
+        std::printf(
+            "goal: recorder at least 1.10x ffmpeg on camera content: %.2fx, %s (pan: %.2fx)\n",
+            camera, camera >= 1.1 ? "met" : "NOT met", pan);
+        std::filesystem::remove_all(dir);
+        status = camera > 0 && pan > 0 ? 0 : 1;
+    }
+    if (sequence) {
+        status = RunSequenceSection(runs > 0 ? runs : 3) != 0 ? 1 : status;
+    }
+    return status;
 }

@@ -125,6 +125,22 @@ TEST_F(CliTest, BadInputIsRefusedWithAMessage) {
     EXPECT_EQ(run("frobnicate").status, 2);
 }
 
+// An id the parameter record does not hold is refused by its id before the board is touched,
+// whatever else the command line sets.
+TEST_F(CliTest, SetRefusesAnUnknownParameterIdAndSetsNothing) {
+    for (const char* args : {"set 0x10999999=5", "set width=1000 0x10999999=5 --json",
+                             "set 0x10999999=5 0x10000002=1000"}) {
+        const ToolRun r = run(args);
+        EXPECT_EQ(r.status, 2) << args;
+        EXPECT_EQ(r.err, "lumetra-cli set: unknown parameter id 0x10999999\n") << args;
+        EXPECT_TRUE(r.out.empty()) << args << r.out;
+    }
+    // Known ids still go through, the board's compression switch among them.
+    const ToolRun r = run("--board 1 set 0x3000002F=1 0x10000002=1000 --json");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(jsonOf(r)["height"].toInt(), 1000);
+}
+
 TEST_F(CliTest, UnloadableLibraryIsNamedAndNoBoardIsReported) {
     ToolRun r = run("--board-library /nonexistent/libNone.so info --json");
     EXPECT_EQ(r.status, 1);
@@ -228,11 +244,22 @@ TEST_F(CliGrabTest, SimulatedFaultsGiveTheirTexts) {
     }
 }
 
-TEST_F(CliGrabTest, GrabWithoutABoardSaysSo) {
+// Without a board the grab commands say what the main frame says.
+TEST_F(CliGrabTest, GrabWithoutABoardSaysSoInTheSystemsWords) {
     const std::string ini = write("none.ini", "[board0]\nopen_fails=1\n");
-    const ToolRun r = run("grab --once", ini);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("No board could be opened."), std::string::npos) << r.err;
+    const std::pair<std::string, QString> cases[] = {
+        {"grab --once --json", "Board has not been selected.\n"},
+        {"grab --seconds 1 --json", "Board has not been opened.\n"},
+        {"grab --save " + (dir / "seq/f.tif").string() + " --count 3 --json",
+         "Board has not been opened.\n"},
+    };
+    for (const auto& [args, text] : cases) {
+        const ToolRun r = run(args, ini);
+        EXPECT_EQ(r.status, 1) << args;
+        EXPECT_EQ(logOf(r), QStringList{text}) << args << r.err;
+        EXPECT_FALSE(jsonOf(r)["ok"].toBool()) << args;
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir / "seq"));
     EXPECT_EQ(run("grab", ini).status, 2) << "no --once, --frames or --seconds";
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <tiffio.h>
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -160,7 +162,7 @@ TEST_F(ConvertTool, BadInputIsRefusedWithAReason) {
          "cannot read " + path("missing.pgm") + ": no such file"},
         {"convert " + path("text.pgm") + " " + out + " --mode 0", 1,
          "cannot read " + path("text.pgm") +
-             ": not an image file this tool reads (PGM, PPM, PNG, ...)"},
+             ": unsupported image format (BMP, JPEG, PNG, TIFF, PGM and PPM are read)"},
         {"convert " + grey + " " + out + " --mode 14", 2,
          "--mode must be a display mode from 0 to 13, not 14"},
         {"convert " + colour + " " + out + " --mode 5", 1,
@@ -197,6 +199,81 @@ TEST_F(ConvertTool, BadInputIsRefusedWithAReason) {
         EXPECT_TRUE(r.out.empty()) << c.args;
     }
     EXPECT_FALSE(std::filesystem::exists(out));
+}
+
+// The still-image paths' TIFF options, as grab takes them: the tags say so and the samples stay.
+TEST_F(ConvertTool, TiffOutputTakesTheCompressionAndResolution) {
+    const cv::Mat twelve = Random(20, 30, CV_16UC1, 4096, 8);
+    const std::string in = writeNetpbm("twelve.pgm", twelve, 4095);
+    const struct {
+        std::string options;
+        uint16_t compression;
+        float dpiX, dpiY;
+    } cases[] = {{"--lzw --dpi 300,200", COMPRESSION_LZW, 300, 200},
+                 {"--tiff-compression deflate", COMPRESSION_ADOBE_DEFLATE, 96, 96},
+                 {"--tiff-compression zstd --dpi 96,1000", COMPRESSION_ZSTD, 96, 1000},
+                 {"--tiff-compression none", COMPRESSION_NONE, 96, 96},
+                 {"", COMPRESSION_NONE, 96, 96}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.options);
+        ok("convert " + in + " " + path("out.tif") + " " + c.options);
+        TIFF* tif = TIFFOpen(path("out.tif").c_str(), "r");
+        ASSERT_NE(tif, nullptr);
+        uint16_t compression = 0;
+        float dpiX = 0;
+        float dpiY = 0;
+        TIFFGetField(tif, TIFFTAG_COMPRESSION, &compression);
+        TIFFGetField(tif, TIFFTAG_XRESOLUTION, &dpiX);
+        TIFFGetField(tif, TIFFTAG_YRESOLUTION, &dpiY);
+        TIFFClose(tif);
+        EXPECT_EQ(compression, c.compression);
+        EXPECT_EQ(dpiX, c.dpiX);
+        EXPECT_EQ(dpiY, c.dpiY);
+        EXPECT_TRUE(Same(read("out.tif"), twelve));
+    }
+    const std::pair<std::string, std::string> refused[] = {
+        {"convert " + in + " " + path("out.png") + " --lzw",
+         "--lzw, --tiff-compression and --dpi are for a TIFF output file (.tif)"},
+        {"convert " + in + " " + path("x.tif") + " --dpi 1001,300",
+         "--dpi needs X,Y with whole numbers from 96 to 1000, not '1001,300'"},
+        {"convert " + in + " " + path("x.tif") + " --tiff-compression lzma",
+         "--tiff-compression must be none, lzw, deflate or zstd, not 'lzma'"},
+    };
+    for (const auto& [args, error] : refused) {
+        const ToolRun r = run(args);
+        EXPECT_EQ(r.status, 2) << args;
+        EXPECT_EQ(r.err, "lumetra-cli convert: " + error + "\n") << args;
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("x.tif")));
+}
+
+// A damaged file is refused in one line naming it; the image libraries say more only to the
+// debug output.
+TEST_F(ConvertTool, ATruncatedFileIsRefusedInOneLine) {
+    const cv::Mat bgr = Random(64, 64, CV_8UC3, 256, 9);
+    const std::pair<const char*, std::string> files[] = {
+        {".jpg", "the JPEG data are damaged or truncated (Premature end of JPEG file)"},
+        {".png", "the file is damaged or truncated (the data end early)"},
+        {".tif", "the file is damaged or truncated"}};
+    for (const auto& [ext, reason] : files) {
+        SCOPED_TRACE(ext);
+        std::vector<uint8_t> bytes;
+        ASSERT_TRUE(cv::imencode(ext, bgr, bytes));
+        const std::string in = path(std::string("cut") + ext);
+        std::ofstream(in, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()), long(bytes.size() * 2 / 3));
+        const ToolRun r = run("convert " + in + " " + path("out.png"));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err.rfind("lumetra-cli convert: cannot read " + in + ": " + reason, 0), 0u)
+            << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_FALSE(std::filesystem::exists(path("out.png")));
+    }
+    const ToolRun debug =
+        lumetra::test::RunTool(std::string("LUMETRA_DEBUG=1 ") + LUMETRA_CLI, dir,
+                               "convert " + path("cut.jpg") + " " + path("out.png"));
+    EXPECT_NE(debug.err.find("libjpeg warning: Premature end of JPEG file"), std::string::npos)
+        << debug.err;
 }
 
 // Raw files: samples only, 16-bit little-endian; the reader is told the layout.

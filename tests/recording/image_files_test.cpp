@@ -2,13 +2,16 @@
 // and what bad files and failed saves do.
 #include "recording/image_files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -67,7 +70,8 @@ TEST(TiffFiles, TagsFollowTheSettings) {
     std::string error;
     MemorySettings settings;
     const ImageSaveOptions defaults = ReadImageSaveOptions(settings);
-    EXPECT_EQ(std::tie(defaults.lzw, defaults.dpiX, defaults.dpiY), std::tuple(false, 96, 96));
+    EXPECT_EQ(std::tie(defaults.tiffCompression, defaults.dpiX, defaults.dpiY),
+              std::tuple(TiffCompression::kNone, 96, 96));
     ASSERT_TRUE(SaveImageFile(Pattern(30, 40, CV_8UC1), dir / "a.tif", defaults, error)) << error;
     TiffTags t = ReadTags(dir / "a.tif");
     EXPECT_EQ(std::tie(t.width, t.height, t.bits, t.samples, t.extraCount),
@@ -76,16 +80,50 @@ TEST(TiffFiles, TagsFollowTheSettings) {
               std::tuple(COMPRESSION_NONE, PHOTOMETRIC_MINISBLACK, RESUNIT_INCH));
     EXPECT_EQ(std::tie(t.dpiX, t.dpiY), std::tuple(96.0f, 96.0f));
 
-    settings.writeInt("StatusInfo", "TifCompression", 1);
-    settings.writeInt("StatusInfo", "TifDpiX", 300);
-    settings.writeInt("StatusInfo", "TifDpiY", 150);
-    ASSERT_TRUE(SaveImageFile(Pattern(30, 40, CV_16UC3), dir / "b.tif",
-                              ReadImageSaveOptions(settings), error))
-        << error;
-    t = ReadTags(dir / "b.tif");
-    EXPECT_EQ(std::tie(t.bits, t.samples, t.compression, t.photometric),
-              std::tuple(16, 3, COMPRESSION_LZW, PHOTOMETRIC_RGB));
-    EXPECT_EQ(std::tie(t.dpiX, t.dpiY), std::tuple(300.0f, 150.0f));
+    // "TifCompression" 0 is none, anything else compresses with "TifCompressionType", which
+    // falls back to LZW for a name it does not know.
+    const struct {
+        int compression;
+        const char* type;
+        uint16_t tag;
+    } cases[] = {{0, "zstd", COMPRESSION_NONE}, {1, nullptr, COMPRESSION_LZW},
+                 {2, "lzw", COMPRESSION_LZW},   {1, "deflate", COMPRESSION_ADOBE_DEFLATE},
+                 {1, "ZSTD", COMPRESSION_ZSTD}, {1, "jpeg", COMPRESSION_LZW}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.compression) + " " + (c.type ? c.type : "(none)"));
+        MemorySettings s;
+        s.writeInt("StatusInfo", "TifCompression", c.compression);
+        if (c.type != nullptr) {
+            s.writeString("StatusInfo", "TifCompressionType", c.type);
+        }
+        s.writeInt("StatusInfo", "TifDpiX", 300);
+        s.writeInt("StatusInfo", "TifDpiY", 150);
+        ASSERT_TRUE(
+            SaveImageFile(Pattern(30, 40, CV_16UC3), dir / "b.tif", ReadImageSaveOptions(s), error))
+            << error;
+        t = ReadTags(dir / "b.tif");
+        EXPECT_EQ(std::tie(t.bits, t.samples, t.compression, t.photometric),
+                  std::tuple(16, 3, c.tag, PHOTOMETRIC_RGB));
+        EXPECT_EQ(t.predictor, c.tag == COMPRESSION_NONE ? PREDICTOR_NONE : PREDICTOR_HORIZONTAL);
+        EXPECT_EQ(std::tie(t.dpiX, t.dpiY), std::tuple(300.0f, 150.0f));
+    }
+}
+
+TEST(TiffFiles, CompressionNames) {
+    const std::pair<const char*, std::optional<TiffCompression>> names[] = {
+        {"none", TiffCompression::kNone},
+        {"LZW", TiffCompression::kLzw},
+        {"deflate", TiffCompression::kDeflate},
+        {"Zstd", TiffCompression::kZstd},
+        {"zip", std::nullopt},
+        {"", std::nullopt}};
+    for (const auto& [name, compression] : names) {
+        EXPECT_EQ(TiffCompressionOf(name), compression) << name;
+        if (compression) {
+            EXPECT_TRUE(TiffCompressionAvailable(*compression)) << name;
+            EXPECT_EQ(TiffCompressionOf(TiffCompressionName(*compression)), compression);
+        }
+    }
 }
 
 TEST(TiffFiles, ColourIsWrittenRedFirstAndTheFourthSampleAsAnExtraSample) {
@@ -96,7 +134,9 @@ TEST(TiffFiles, ColourIsWrittenRedFirstAndTheFourthSampleAsAnExtraSample) {
     EXPECT_EQ(ReadTags(dir / "c.tif").firstRow, (std::vector<uint8_t>{30, 20, 10, 30, 20, 10}));
 
     cv::Mat bgrc(2, 2, CV_16UC4, cv::Scalar(1000, 2000, 3000, 4000));
-    ASSERT_TRUE(SaveImageFile(bgrc, dir / "d.tif", {.lzw = true}, error)) << error;
+    ASSERT_TRUE(
+        SaveImageFile(bgrc, dir / "d.tif", {.tiffCompression = TiffCompression::kLzw}, error))
+        << error;
     const TiffTags t = ReadTags(dir / "d.tif");
     EXPECT_EQ(std::tie(t.samples, t.bits, t.extraCount, t.extraType),
               std::tuple(4, 16, 1, EXTRASAMPLE_UNSPECIFIED));
@@ -108,16 +148,180 @@ TEST(TiffFiles, ColourIsWrittenRedFirstAndTheFourthSampleAsAnExtraSample) {
     EXPECT_EQ(bgrc.at<cv::Vec4w>(0, 0), cv::Vec4w(1000, 2000, 3000, 4000));
 }
 
-TEST(ImageRoundTrips, PngAndTiffKeepEverySample) {
+// Every lossless format and compression, 8- and 16-bit, mono and colour: the samples come back
+// exactly through this reader and through OpenCV's (libtiff and libpng underneath).
+TEST(ImageRoundTrips, EveryLosslessFormatAndCompressionKeepsEverySample) {
     TempDir dir;
-    for (int type : {CV_16UC1, CV_16UC3, CV_8UC1, CV_8UC3}) {
+    const struct {
+        const char* name;
+        TiffCompression compression;
+    } formats[] = {{"n.tif", TiffCompression::kNone},    {"l.tif", TiffCompression::kLzw},
+                   {"d.tif", TiffCompression::kDeflate}, {"z.tif", TiffCompression::kZstd},
+                   {"p.png", TiffCompression::kNone},    {"m.pgm", TiffCompression::kNone},
+                   {"c.ppm", TiffCompression::kNone}};
+    for (int type : {CV_8UC1, CV_16UC1, CV_8UC3, CV_16UC3}) {
         const cv::Mat image = Pattern(37, 53, type, type);
-        ExpectRoundTrip(image, dir / "r.png");
-        ExpectRoundTrip(image, dir / "r.tif");
-        ExpectRoundTrip(image, dir / "l.tif", {.lzw = true});
+        for (const auto& f : formats) {
+            const bool colourFile = std::string(f.name) == "c.ppm";
+            const bool monoFile = std::string(f.name) == "m.pgm";
+            if ((colourFile && CV_MAT_CN(type) == 1) || (monoFile && CV_MAT_CN(type) == 3)) {
+                continue;
+            }
+            SCOPED_TRACE(std::string(f.name) + " type " + std::to_string(type));
+            ExpectRoundTrip(image, dir / f.name, {.tiffCompression = f.compression});
+            EXPECT_TRUE(Same(cv::imread(dir / f.name, cv::IMREAD_UNCHANGED), image));
+        }
     }
     // TIFF keeps a fourth sample too.
-    ExpectRoundTrip(Pattern(16, 24, CV_16UC4, 7), dir / "c.tif");
+    for (TiffCompression c : {TiffCompression::kNone, TiffCompression::kZstd}) {
+        ExpectRoundTrip(Pattern(16, 24, CV_16UC4, 7), dir / "c.tif", {.tiffCompression = c});
+    }
+    // And raw files, with their layout.
+    for (int type : {CV_8UC1, CV_16UC3}) {
+        const cv::Mat image = Pattern(9, 11, type, 4);
+        std::string error;
+        ASSERT_TRUE(SaveImageFile(image, dir / "r.raw", {}, error)) << error;
+        cv::Mat back;
+        ASSERT_TRUE(LoadRawImageFile(
+            dir / "r.raw", {11, 9, CV_MAT_DEPTH(type) == CV_16U ? 16 : 8, CV_MAT_CN(type)}, back,
+            error))
+            << error;
+        EXPECT_TRUE(Same(back, image));
+    }
+}
+
+// Files other programs write, here OpenCV, with their own layouts: read with the same samples.
+TEST(ImageRoundTrips, FilesOpenCvWritesAreReadSampleForSample) {
+    TempDir dir;
+    for (int type : {CV_8UC1, CV_16UC1, CV_8UC3, CV_16UC3}) {
+        const cv::Mat image = Pattern(33, 47, type, 11);
+        for (const char* name : {"o.png", "o.tif", "o.pgm", "o.ppm", "o.bmp"}) {
+            const std::string n = name;
+            if ((n == "o.pgm" && CV_MAT_CN(type) != 1) || (n == "o.ppm" && CV_MAT_CN(type) != 3) ||
+                (n == "o.bmp" && CV_MAT_DEPTH(type) != CV_8U)) {
+                continue;
+            }
+            SCOPED_TRACE(n + " type " + std::to_string(type));
+            ASSERT_TRUE(cv::imwrite(dir / name, image));
+            cv::Mat back;
+            std::string error;
+            ASSERT_TRUE(LoadImageFile(dir / name, back, error)) << error;
+            EXPECT_TRUE(Same(back, image));
+        }
+    }
+}
+
+// TIFF layouts this writer never makes: tiles, separate planes, white as zero, a palette.
+TEST(ImageRoundTrips, TiffLayoutsOfOtherWriters) {
+    TempDir dir;
+    auto write = [&](const std::string& name, int width, int height, uint16_t bits,
+                     uint16_t samples, uint16_t planar, uint16_t photometric, bool tiled,
+                     const std::function<uint32_t(int x, int y, int s)>& value) {
+        TIFF* tif = TIFFOpen((dir / name).c_str(), "w");
+        ASSERT_NE(tif, nullptr);
+        TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(width));
+        TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(height));
+        TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, bits);
+        TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, samples);
+        TIFFSetField(tif, TIFFTAG_PLANARCONFIG, planar);
+        TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, photometric);
+        TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+        if (photometric == PHOTOMETRIC_PALETTE) {
+            std::vector<uint16_t> r(256), g(256), b(256);
+            for (int i = 0; i < 256; ++i) {
+                r[size_t(i)] = uint16_t(i * 257);
+                g[size_t(i)] = uint16_t((255 - i) * 257);
+                b[size_t(i)] = uint16_t((i / 2) * 257);
+            }
+            TIFFSetField(tif, TIFFTAG_COLORMAP, r.data(), g.data(), b.data());
+        }
+        const int planes = planar == PLANARCONFIG_SEPARATE ? samples : 1;
+        const int perPixel = planes == 1 ? samples : 1;
+        const size_t bytes = bits / 8;
+        auto fill = [&](std::vector<uint8_t>& buffer, int x0, int y0, int w, int h, int plane) {
+            buffer.assign(size_t(w) * h * perPixel * bytes, 0);
+            for (int y = 0; y < h && y0 + y < height; ++y) {
+                for (int x = 0; x < w && x0 + x < width; ++x) {
+                    for (int k = 0; k < perPixel; ++k) {
+                        const uint32_t v = value(x0 + x, y0 + y, planes == 1 ? k : plane);
+                        const size_t at = ((size_t(y) * w + x) * perPixel + k) * bytes;
+                        if (bytes == 2) {
+                            const uint16_t word = uint16_t(v);
+                            std::memcpy(&buffer[at], &word, 2);
+                        } else {
+                            buffer[at] = uint8_t(v);
+                        }
+                    }
+                }
+            }
+        };
+        std::vector<uint8_t> buffer;
+        if (tiled) {
+            TIFFSetField(tif, TIFFTAG_TILEWIDTH, 16u);
+            TIFFSetField(tif, TIFFTAG_TILELENGTH, 16u);
+            for (int p = 0; p < planes; ++p) {
+                for (int y = 0; y < height; y += 16) {
+                    for (int x = 0; x < width; x += 16) {
+                        fill(buffer, x, y, 16, 16, p);
+                        TIFFWriteTile(tif, buffer.data(), uint32_t(x), uint32_t(y), 0, uint16_t(p));
+                    }
+                }
+            }
+        } else {
+            TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 7u);
+            for (int p = 0; p < planes; ++p) {
+                for (int y = 0; y < height; y += 7) {
+                    const int rows = std::min(7, height - y);
+                    fill(buffer, 0, y, width, rows, p);
+                    TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, uint32_t(y), uint16_t(p)),
+                                          buffer.data(), tmsize_t(buffer.size()));
+                }
+            }
+        }
+        TIFFClose(tif);
+    };
+    auto expect = [&](const std::string& name, int type,
+                      const std::function<uint32_t(int x, int y, int c)>& held) {
+        SCOPED_TRACE(name);
+        cv::Mat back;
+        std::string error;
+        ASSERT_TRUE(LoadImageFile(dir / name, back, error)) << error;
+        ASSERT_EQ(back.type(), type);
+        ASSERT_EQ(back.size(), cv::Size(37, 21));
+        for (int y = 0; y < back.rows; ++y) {
+            for (int x = 0; x < back.cols; ++x) {
+                for (int c = 0; c < back.channels(); ++c) {
+                    const uint32_t v = back.depth() == CV_16U
+                                           ? back.ptr<uint16_t>(y)[x * back.channels() + c]
+                                           : back.ptr<uint8_t>(y)[x * back.channels() + c];
+                    ASSERT_EQ(v, held(x, y, c)) << x << "," << y << " channel " << c;
+                }
+            }
+        }
+    };
+    auto rgb = [](int x, int y, int s) { return uint32_t((x * 1000 + y * 37 + s * 9000) % 65536); };
+    // Files hold R, G, B; the image B, G, R.
+    auto bgr = [&](int x, int y, int c) { return rgb(x, y, 2 - c); };
+    write("tiled.tif", 37, 21, 16, 3, PLANARCONFIG_CONTIG, PHOTOMETRIC_RGB, true, rgb);
+    expect("tiled.tif", CV_16UC3, bgr);
+    auto rgb8 = [&](int x, int y, int s) { return rgb(x, y, s) & 0xFF; };
+    write("planes.tif", 37, 21, 8, 3, PLANARCONFIG_SEPARATE, PHOTOMETRIC_RGB, false, rgb8);
+    expect("planes.tif", CV_8UC3, [&](int x, int y, int c) { return rgb8(x, y, 2 - c); });
+    write("tiledplanes.tif", 37, 21, 8, 3, PLANARCONFIG_SEPARATE, PHOTOMETRIC_RGB, true, rgb8);
+    expect("tiledplanes.tif", CV_8UC3, [&](int x, int y, int c) { return rgb8(x, y, 2 - c); });
+    auto grey = [](int x, int y, int) { return uint32_t((x * 7 + y * 3) % 256); };
+    write("white.tif", 37, 21, 8, 1, PLANARCONFIG_CONTIG, PHOTOMETRIC_MINISWHITE, false, grey);
+    expect("white.tif", CV_8UC1, [&](int x, int y, int c) { return 255 - grey(x, y, c); });
+    write("palette.tif", 37, 21, 8, 1, PLANARCONFIG_CONTIG, PHOTOMETRIC_PALETTE, false, grey);
+    expect("palette.tif", CV_8UC3, [&](int x, int y, int c) {
+        const uint32_t i = grey(x, y, 0);
+        return c == 2 ? i : c == 1 ? 255 - i : i / 2;  // B, G, R from the colour map
+    });
+    write("two.tif", 37, 21, 8, 2, PLANARCONFIG_CONTIG, PHOTOMETRIC_MINISBLACK, false, grey);
+    cv::Mat none;
+    std::string error;
+    EXPECT_FALSE(LoadImageFile(dir / "two.tif", none, error));
+    EXPECT_EQ(error, "unsupported channel count (2)");
 }
 
 TEST(ImageRoundTrips, BmpAndJpegKeepTheTopEightSignificantBits) {
@@ -147,7 +351,7 @@ TEST(ImageRoundTrips, ConvertKeepsSamplesAndTakesTheTiffOptions) {
     std::string error;
     const cv::Mat image = Pattern(12, 20, CV_16UC3, 9);
     ASSERT_TRUE(SaveImageFile(image, dir / "in.png", {}, error)) << error;
-    const ImageSaveOptions o{.lzw = true, .dpiX = 200, .dpiY = 100};
+    const ImageSaveOptions o{.tiffCompression = TiffCompression::kLzw, .dpiX = 200, .dpiY = 100};
     ASSERT_TRUE(ConvertImageFile(dir / "in.png", dir / "out.tif", o, error)) << error;
     const TiffTags t = ReadTags(dir / "out.tif");
     EXPECT_EQ(std::tie(t.compression, t.dpiX), std::tuple(COMPRESSION_LZW, 200.0f));
@@ -207,15 +411,20 @@ TEST(BadFiles, AreRefusedWithAReasonAndLeaveTheFrameImageAsItWas) {
     for (size_t i = 100; i < 400; ++i) {
         damaged[i] = static_cast<char>(damaged[i] ^ 0x5A);
     }
+    std::vector<uint8_t> grey;
+    cv::imencode(".pgm", Pattern(64, 64, CV_16UC1), grey);
     // Each file with the words its message must hold; the last one is never written.
     const std::tuple<std::string, std::string, std::string> bad[] = {
-        {"trunc.png", half(encoded(".png")), "damaged"},
-        {"trunc.jpg", half(encoded(".jpg")), "damaged or truncated"},
-        {"trunc.bmp", half(encoded(".bmp")), "damaged"},
-        {"trunc.tif", half(ReadFile(dir / "good.tif")), "damaged"},
-        {"text.png", "this is not an image at all", "unsupported"},
-        {"empty.bmp", "", "empty"},
-        {"damaged.png", damaged, "damaged"},
+        {"trunc.png", half(encoded(".png")), "the file is damaged or truncated ("},
+        {"trunc.jpg", half(encoded(".jpg")),
+         "the JPEG data are damaged or truncated (Premature end of JPEG file)"},
+        {"trunc.bmp", half(encoded(".bmp")), "the file is damaged or truncated ("},
+        {"trunc.tif", half(ReadFile(dir / "good.tif")), "the file is damaged or truncated"},
+        {"trunc.pgm", half(std::string(grey.begin(), grey.end())), " of 8192 bytes of samples)"},
+        {"header.pgm", "P5\nthis is not a picture", "the file is damaged (not a PGM header)"},
+        {"text.png", "this is not an image at all", "unsupported image format"},
+        {"empty.bmp", "", "the file is empty"},
+        {"damaged.png", damaged, "the file is damaged or truncated ("},
         {"missing.png", "", "No such file"}};
 
     FrameImage frame;
@@ -227,21 +436,37 @@ TEST(BadFiles, AreRefusedWithAReasonAndLeaveTheFrameImageAsItWas) {
     before.copyTo(frame.raw().mat());
     test::RecordingLog log;
     test::RecordingSink sink;
+    // The libraries' own messages go to the debug output: nothing reaches standard error.
+    std::fflush(stderr);
+    const int savedStderr = ::dup(STDERR_FILENO);
+    const std::string chatter = dir / "stderr.txt";
+    const int capture = ::open(chatter.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(capture, STDERR_FILENO);
+    std::map<std::string, std::string> errors;
     for (const auto& [name, bytes, words] : bad) {
         if (name != "missing.png") {
             WriteFile(dir / name, bytes);
         }
         cv::Mat loaded;
-        EXPECT_FALSE(LoadImageFile(dir / name, loaded, error)) << name;
-        EXPECT_NE(error.find(words), std::string::npos) << name << ": " << error;
+        EXPECT_FALSE(LoadImageFile(dir / name, loaded, errors[name])) << name;
         EXPECT_FALSE(OpenImageIntoFrame(frame, dir / name, log, &sink)) << name;
+    }
+    std::fflush(stderr);
+    ::dup2(savedStderr, STDERR_FILENO);
+    ::close(savedStderr);
+    ::close(capture);
+    if (std::getenv("LUMETRA_DEBUG") == nullptr) {
+        EXPECT_EQ(ReadFile(chatter), "");
+    }
+    for (const auto& [name, bytes, words] : bad) {
+        EXPECT_NE(errors[name].find(words), std::string::npos) << name << ": " << errors[name];
     }
     EXPECT_EQ(frame.format().width, 32);
     EXPECT_EQ(frame.format().bitsPerPixel, 16);
     EXPECT_TRUE(Same(frame.raw().mat(), before));
     EXPECT_TRUE(sink.posted().empty());
     const auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 8u);
+    ASSERT_EQ(lines.size(), std::size(bad));
     EXPECT_EQ(lines[0].rfind("Open image fail: " + (dir / "trunc.png") + ": ", 0), 0u) << lines[0];
     EXPECT_EQ(lines[0].back(), '\n');
 
@@ -334,6 +559,33 @@ TEST(FailedSaves, AnEarlierFileSurvivesAWriteThatRunsOutOfRoom) {
     EXPECT_EQ(dir.entries(), 4);  // no temporary file is left behind
 }
 
+// A staged file waits beside its name: the old file stays until Commit; dropped, it leaves
+// nothing behind.
+TEST(StagedFiles, TheTargetChangesOnlyOnCommit) {
+    TempDir dir;
+    WriteFile(dir / "a.png", "old");
+    std::string error;
+    {
+        StagedImageFile staged;
+        ASSERT_TRUE(StageImageFile(Pattern(4, 4, CV_8UC1), dir / "a.png", {}, staged, error));
+        EXPECT_TRUE(staged.pending());
+        EXPECT_EQ(ReadFile(dir / "a.png"), "old");
+        EXPECT_EQ(dir.entries(), 2);
+    }
+    EXPECT_EQ(ReadFile(dir / "a.png"), "old");
+    EXPECT_EQ(dir.entries(), 1);
+    StagedImageFile staged;
+    ASSERT_TRUE(StageImageFile(Pattern(4, 4, CV_8UC1), dir / "a.png", {}, staged, error));
+    StagedImageFile moved = std::move(staged);
+    EXPECT_FALSE(staged.pending());
+    ASSERT_TRUE(moved.Commit(error)) << error;
+    EXPECT_FALSE(moved.pending());
+    cv::Mat back;
+    ASSERT_TRUE(LoadImageFile(dir / "a.png", back, error)) << error;
+    EXPECT_TRUE(Same(back, Pattern(4, 4, CV_8UC1)));
+    EXPECT_EQ(dir.entries(), 1);
+}
+
 TEST(FailedSaves, BadInputIsRefusedBeforeAnyFileIsMade) {
     TempDir dir;
     std::string error;
@@ -343,6 +595,10 @@ TEST(FailedSaves, BadInputIsRefusedBeforeAnyFileIsMade) {
     EXPECT_EQ(error, "samples must have 8 or 16 bits");
     EXPECT_FALSE(SaveImageFile(cv::Mat(4, 4, CV_8UC2), dir / "a.png", {}, error));
     EXPECT_FALSE(SaveImageFile(Pattern(4, 4, CV_8UC1), dir / "a.gif", {}, error));
+    EXPECT_FALSE(SaveImageFile(Pattern(4, 4, CV_8UC3), dir / "a.pgm", {}, error));
+    EXPECT_EQ(error, "a PGM file holds one channel; this image has 3");
+    EXPECT_FALSE(SaveImageFile(Pattern(4, 4, CV_8UC1), dir / "a.ppm", {}, error));
+    EXPECT_EQ(error, "a PPM file holds colour; this image has 1 channel");
     EXPECT_FALSE(SaveImageFile(Pattern(4, 4, CV_8UC1), dir / "none/a.png", {}, error));
     EXPECT_NE(error.find("No such file or directory"), std::string::npos) << error;
     EXPECT_TRUE(std::filesystem::is_empty(dir.path()));

@@ -119,7 +119,7 @@ inline std::vector<uint8_t> MonoFrame(int width, int height, int number) {
 
 struct TiffTags {
     uint32_t width = 0, height = 0;
-    uint16_t bits = 0, samples = 0, compression = 0, photometric = 0, unit = 0;
+    uint16_t bits = 0, samples = 0, compression = 0, photometric = 0, unit = 0, predictor = 0;
     float dpiX = 0, dpiY = 0;
     uint16_t extraCount = 0, extraType = 99;
     std::vector<uint8_t> firstRow;
@@ -137,6 +137,11 @@ inline TiffTags ReadTags(const std::string& path) {
     TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &t.bits);
     TIFFGetField(tif, TIFFTAG_SAMPLESPERPIXEL, &t.samples);
     TIFFGetField(tif, TIFFTAG_COMPRESSION, &t.compression);
+    // Only a codec knows the predictor.
+    t.predictor = PREDICTOR_NONE;
+    if (t.compression != COMPRESSION_NONE) {
+        TIFFGetFieldDefaulted(tif, TIFFTAG_PREDICTOR, &t.predictor);
+    }
     TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &t.photometric);
     TIFFGetField(tif, TIFFTAG_XRESOLUTION, &t.dpiX);
     TIFFGetField(tif, TIFFTAG_YRESOLUTION, &t.dpiY);
