@@ -90,7 +90,13 @@ bool FrameStore::CopyOut(std::vector<uint8_t>& jpegBytes, bool& jpeg) {
 }
 
 bool FrameStore::Deliver(FrameImage& frame, const std::function<void()>& then) {
-    return Deliver(frame.raw(), frame.frameLock(), then);
+    // Counted under the frame lock: the views show the background until a frame is there.
+    return Deliver(frame.raw(), frame.frameLock(), [&frame, &then] {
+        frame.countFrame();
+        if (then) {
+            then();
+        }
+    });
 }
 
 bool FrameStore::Deliver(ImageBuffer& raw, std::mutex& frameLock,

@@ -60,10 +60,10 @@ cv::Mat MapSamples(const cv::Mat& picked, const DisplayRequest& request, int pix
     return picked.clone();
 }
 
-// Why the mode cannot be drawn from this raw image, or empty.
-std::string Refusal(const ImageBuffer& raw, const DisplayRequest& request) {
+}  // namespace
+
+std::string DisplayModeRefusal(int channels, int width, int height, const DisplayRequest& request) {
     const int mode = request.mode;
-    const int channels = raw.channels();
     if (!IsValidDisplayMode(mode)) {
         return "display mode " + std::to_string(mode) + " is out of range (0 to 13)";
     }
@@ -85,7 +85,7 @@ std::string Refusal(const ImageBuffer& raw, const DisplayRequest& request) {
                    "one has " +
                    std::to_string(channels) + " channels";
         }
-        if (raw.width() < 2 || raw.height() < 2) {
+        if (width < 2 || height < 2) {
             return ModeName(mode) + " needs an image of at least 2 x 2 pixels";
         }
     }
@@ -104,15 +104,13 @@ std::string Refusal(const ImageBuffer& raw, const DisplayRequest& request) {
     return {};
 }
 
-}  // namespace
-
 DisplayResult RenderDisplayMode(const ImageBuffer& raw, const DisplayRequest& request) {
     DisplayResult result;
     if (!raw.hasImage()) {
         result.error = "there is no image";
         return result;
     }
-    result.error = Refusal(raw, request);
+    result.error = DisplayModeRefusal(raw.channels(), raw.width(), raw.height(), request);
     if (!result.ok()) {
         return result;
     }

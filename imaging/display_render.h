@@ -43,4 +43,8 @@ struct DisplayResult {
 // Every other pairing is refused with a reason. The raw image is only read.
 DisplayResult RenderDisplayMode(const ImageBuffer& raw, const DisplayRequest& request);
 
+// Why RenderDisplayMode refuses a request for a raw image of this shape, or empty when it draws it
+// (the shift is not checked here).
+std::string DisplayModeRefusal(int channels, int width, int height, const DisplayRequest& request);
+
 }  // namespace lumetra

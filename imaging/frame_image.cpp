@@ -21,6 +21,21 @@ int BayerConversionCode(int pattern) {
     }
 }
 
+cv::Rect BayerRegion(int x1, int y1, int x2, int y2, int width, int height) {
+    // Even offsets keep the Bayer phase of the region that of the whole frame.
+    int64_t left = std::max<int64_t>(0, int64_t{x1} - 2);
+    left -= left % 2;
+    int64_t top = std::max<int64_t>(0, int64_t{y1} - 2);
+    top -= top % 2;
+    const int64_t right = std::min<int64_t>(width, int64_t{x2} + 2);
+    const int64_t bottom = std::min<int64_t>(height, int64_t{y2} + 2);
+    if (right <= left || bottom <= top) {
+        return {};
+    }
+    return {static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
+            static_cast<int>(bottom - top)};
+}
+
 bool IsHighBitPixelCount(int pixelBitCount) {
     switch (pixelBitCount) {
         case 10:
@@ -84,16 +99,20 @@ bool FrameImage::Allocate(int pixelBitCount, BayerSettings& bayer, MessageLog& l
             return false;
         }
     }
+    // A mono frame one pixel wide or tall has no whole 2 x 2 cell: its plane is one pixel, which
+    // the phase planes refuse to fill, rather than no image at all.
     const bool made =
         raw_.channels() > 1
             ? aux_.TryCreate(raw_.depth(), raw_.channels(), raw_.width(), raw_.height())
-            : aux_.TryCreate(raw_.depth(), 1, raw_.width() / 2, raw_.height() / 2);
+            : aux_.TryCreate(raw_.depth(), 1, std::max(1, raw_.width() / 2),
+                             std::max(1, raw_.height() / 2));
     if (!made) {
         return false;
     }
     eightBitShift_ = false;
     shift_ = 0;
     highBit_ = IsHighBitPixelCount(pixelBitCount);
+    frameCount_ = 0;
     return true;
 }
 
@@ -110,18 +129,10 @@ void FrameImage::DemosaicRegion(int x1, int y1, int x2, int y2, const BayerSetti
         }
         return;
     }
-    // Even offsets keep the Bayer phase of the region that of the whole frame.
-    int64_t left = std::max<int64_t>(0, int64_t{x1} - 2);
-    left -= left % 2;
-    int64_t top = std::max<int64_t>(0, int64_t{y1} - 2);
-    top -= top % 2;
-    const int64_t right = std::min<int64_t>(raw_.width(), int64_t{x2} + 2);
-    const int64_t bottom = std::min<int64_t>(raw_.height(), int64_t{y2} + 2);
-    if (right <= left || bottom <= top) {
+    const cv::Rect region = BayerRegion(x1, y1, x2, y2, raw_.width(), raw_.height());
+    if (region.empty()) {
         return;
     }
-    const cv::Rect region(static_cast<int>(left), static_cast<int>(top),
-                          static_cast<int>(right - left), static_cast<int>(bottom - top));
     raw_.SetRegion(region.x, region.y, region.width, region.height);
     colour_.SetRegion(region.x, region.y, region.width, region.height);
     ImageBuffer::ConvertColour(raw_, colour_, BayerConversionCode(bayer.pattern));

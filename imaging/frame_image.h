@@ -38,6 +38,11 @@ inline constexpr uint64_t kMaxBayerFrameBytes = 0x7FFFFFFF;
 // pattern by the second row's second and third pixel, hence the apparent mismatch.
 int BayerConversionCode(int pattern);
 
+// The rectangle (x1, y1)-(x2, y2) of a width x height mosaic widened by 2 pixels on every side
+// and clipped, its left and top made even so that it keeps the Bayer phase of the whole frame.
+// Empty when nothing of it lies in the frame.
+cv::Rect BayerRegion(int x1, int y1, int x2, int y2, int width, int height);
+
 // True for the pixel bit counts of the 10- to 16-bit formats with 1, 3 or 4 channels.
 bool IsHighBitPixelCount(int pixelBitCount);
 
@@ -94,6 +99,12 @@ class FrameImage {
     bool highBit() const { return highBit_; }
     void setHighBit(bool highBit) { highBit_ = highBit; }
 
+    // Frames put into the raw image since it was made or blanked: 0 means no frame is there and
+    // the views show the background image. Under the frame lock.
+    uint64_t frameCount() const { return frameCount_; }
+    void countFrame() { ++frameCount_; }
+    void clearFrameCount() { frameCount_ = 0; }
+
     // Held by whoever reads or writes the raw and colour images. Not recursive.
     //
     // The lock order, everywhere: this frame lock first, then the frame store's lock, then a
@@ -109,6 +120,7 @@ class FrameImage {
     bool eightBitShift_ = false;
     int shift_ = 0;
     bool highBit_ = false;
+    uint64_t frameCount_ = 0;
     std::mutex frameLock_;
 };
 
