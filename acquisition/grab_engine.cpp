@@ -103,6 +103,7 @@ void OnFrameReady(uint32_t, void* context) {
     // display's clock runs on its own, so recording never starves the view.
     const Clock::time_point now = g.clock().now();
     const bool displayDue = ElapsedMs(g.lastDelivered, now) > kDisplayThrottleMs;
+    bool offered = false;
     if (displayDue || deliver) {
         OrvixBufferStatus status{};
         if (lib.GetBufferStatusEx(h, cc.nextBuffer, &status) == ORVIX_SUCCESS) {
@@ -128,7 +129,11 @@ void OnFrameReady(uint32_t, void* context) {
                     }
                     if (displayDue) {
                         g.links.store->Put(address, size, jpeg);
-                        g.newFrame = true;
+                        offered = true;
+                        // A frame the display had not taken yet is replaced.
+                        if (g.newFrame.exchange(true)) {
+                            ++g.framesSkipped;
+                        }
                     }
                 }
             }
@@ -136,6 +141,9 @@ void OnFrameReady(uint32_t, void* context) {
         if (displayDue) {
             g.lastDelivered = now;
         }
+    }
+    if (!offered) {
+        ++g.framesSkipped;
     }
     ++g.frameCounter;
     cc.nextBuffer = bufferCount != 0 ? (cc.nextBuffer + 1) % bufferCount : 0;
@@ -186,6 +194,7 @@ bool DisplayLoop::Turn() {
     clock.sleepFor(milliseconds(sleepMs));
     const double sinceLast = ElapsedMs(lastProcessed_, clock.now());
     if (!g.running) {
+        ++g.framesSkipped;  // taken, never shown
         return false;
     }
     if (++g.displayCounter >= 1000) {
@@ -198,6 +207,7 @@ bool DisplayLoop::Turn() {
 
     const std::shared_ptr<const PixelCaptureHooks> capture = g.capture();
     if (capture && capture->conditionMet && capture->conditionMet()) {
+        ++g.framesSkipped;
         g.post(msg::kStopGrab);
         return false;
     }
@@ -211,6 +221,8 @@ bool DisplayLoop::Turn() {
     overlayDrawn_ = converted;
     if (converted) {
         ++g.framesDisplayed;
+    } else {
+        ++g.framesSkipped;
     }
 
     g.divisorProfiles = 4;
@@ -315,6 +327,7 @@ bool GrabEngine::setLastPaint(const std::atomic<int>* lastPaintMs) {
 bool GrabEngine::Prepare(OrvixHandle handle, bool coaxpress) {
     BoardLibrary& lib = *grab_.links.library;
     grab_.handle = handle;
+    boardHandle_ = handle;
     grab_.coaxpress = coaxpress;
     grab_.rate = 0.0;
     grab_.lastDelivered = {};
@@ -355,6 +368,11 @@ void GrabEngine::Unregister() {
     frameContext_.reset();
     startContext_.reset();
     spareContext_.reset();
+    // No callback runs any more and the display thread has ended: a frame still waiting for
+    // the display is never shown.
+    if (grab_.newFrame.exchange(false)) {
+        ++grab_.framesSkipped;
+    }
     grab_.handle = ORVIX_INVALID_HANDLE;
     prepared_ = false;
     grab_.post(msg::kStatusTimer);
@@ -411,7 +429,11 @@ bool GrabEngine::GrabOnce(OrvixHandle handle) {
             grab_.links.store->Put(address, size, compress == 1);
             if (grab_.links.store->Deliver(*grab_.links.frame)) {
                 ++grab_.framesDisplayed;
+            } else {
+                ++grab_.framesSkipped;
             }
+        } else {
+            ++grab_.framesSkipped;
         }
         ++grab_.frameCounter;
         grab_.post(msg::kPaint);
@@ -485,7 +507,7 @@ void GrabEngine::StopDisplayThread() {
 bool GrabEngine::StopBoard() {
     BoardLibrary& lib = *grab_.links.library;
     for (int attempt = 0; attempt < 5; ++attempt) {
-        const bool stopped = lib.StopGrab(grab_.handle) == ORVIX_SUCCESS;
+        const bool stopped = lib.StopGrab(boardHandle_) == ORVIX_SUCCESS;
         grab_.clock().sleepFor(milliseconds(10));
         if (stopped) {
             return true;

@@ -100,6 +100,10 @@ struct GrabContext {
     std::atomic<uint32_t> frameCounter{0};
     std::atomic<bool> newFrame{false};
     std::atomic<uint32_t> framesDisplayed{0};  // frames converted into the Frame image
+    // Frames counted but never shown: passed over by the 30 ms throttle, replaced in the store
+    // before the display took them, or not convertible. Once a grab has ended, frameCounter =
+    // framesDisplayed + framesSkipped.
+    std::atomic<uint32_t> framesSkipped{0};
     // Events 4 and 2.
     std::atomic<bool> frameStartSeen{false};
     // Event 3.
@@ -247,6 +251,9 @@ class GrabEngine {
     std::unique_ptr<CallbackContext> startContext_;  // events 4 and 2
     std::unique_ptr<CallbackContext> spareContext_;  // created with them, never registered
     std::atomic<bool> lastStopFailed_{false};
+    // The board the callbacks were last registered for. Unlike the context's handle it outlives
+    // the unregistration, so that the stop after a refused one reaches the board still grabbing.
+    OrvixHandle boardHandle_ = ORVIX_INVALID_HANDLE;
     std::thread displayThread_;
     std::thread watchDogThread_;
     Clock::time_point lastWatchDogCheck_{};  // the watch-dog thread's

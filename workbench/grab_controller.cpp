@@ -9,6 +9,7 @@ bool GrabController::Refuse(bool continuousCommand) {
     GrabEngine& engine = doc_.grabEngine();
     engine.context().frameCounter = 0;
     engine.context().framesDisplayed = 0;
+    engine.context().framesSkipped = 0;
     engine.context().lostEvents = 0;
     frameLost_ = false;
     switch (engine.state()) {
