@@ -43,8 +43,9 @@ class RecordingPrompt final : public Prompt {
 // The frame, the workbench and the simulated board, put together as the application does.
 class GuiRig {
   public:
-    // ini: the simulator's boards (written to a file); empty: the two default boards.
-    explicit GuiRig(const QString& ini = {}) {
+    // ini: the simulator's boards (written to a file); empty: the two default boards. libraryPath:
+    // another board library to run the window on (the simulator's clock hooks then do nothing).
+    explicit GuiRig(const QString& ini = {}, const char* libraryPath = SIM_LIBRARY) {
         if (!ini.isEmpty()) {
             const QString path = dir.filePath("sim.ini");
             QFile f(path);
@@ -55,7 +56,7 @@ class GuiRig {
         } else {
             qunsetenv("ORVIX_SIM_CONFIG");
         }
-        BoardLibraryLoad load = LoadBoardLibrary(SIM_LIBRARY);
+        BoardLibraryLoad load = LoadBoardLibrary(libraryPath);
         library = std::move(load.library);
         sim = dlopen(SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
         setManual = reinterpret_cast<decltype(setManual)>(dlsym(sim, "OrvixSimSetManualClock"));
@@ -79,7 +80,7 @@ class GuiRig {
         ws.appSettings = &appSettings;
         ws.resourceConfigPath = dir.filePath("BoardConfig.ini").toStdString();
         workbench = std::make_unique<Workbench>(ws);
-        if (workbench->document().hasBoard()) {
+        if (workbench->document().hasBoard() && libraryPath == std::string(SIM_LIBRARY)) {
             setManual(workbench->document().handle(), 1);
         }
         frame->Attach(*workbench);

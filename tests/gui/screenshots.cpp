@@ -1,11 +1,13 @@
-// lumetra_screenshots DIR: the window as the README shows it, drawn on the simulated board's
-// manual clock so that every picture is the same on every machine. scripts/screenshots runs it
-// under Xvfb and writes docs/*.png.
+// lumetra_screenshots DIR [ARAVIS_LIBRARY]: the window as the README shows it, drawn on the
+// simulated board's manual clock so that every picture is the same on every machine; with the
+// Aravis board library also a live grab from Aravis's fake camera, started on 127.0.0.1.
+// scripts/screenshots runs it under Xvfb and writes docs/*.png.
 #include <QApplication>
 #include <QDir>
 #include <QScreen>
 #include <cstdio>
 
+#include "contract/fake_camera.h"
 #include "gui_support.h"
 
 using namespace lumetra;
@@ -32,8 +34,8 @@ bool Save(CMainFrame& frame, const QString& path) {
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: lumetra_screenshots DIR\n");
+    if (argc != 2 && argc != 3) {
+        std::fprintf(stderr, "usage: lumetra_screenshots DIR [ARAVIS_LIBRARY]\n");
         return 2;
     }
     const QDir out(QString::fromLocal8Bit(argv[1]));
@@ -77,6 +79,27 @@ int main(int argc, char** argv) {
         rig.Trigger(cmd::kZoomFit);
         f.OnTimer(timer::kFramesGrabbed);
         ok &= Save(f, out.filePath("workbench-12bit-adaptive.png"));
+    }
+    if (argc == 3) {
+        // A GenICam camera through the Aravis board library, live: real time, real network
+        // (the loopback), so this picture differs from run to run.
+        FakeCamera camera;
+        if (const std::string why = camera.Start(); !why.empty()) {
+            std::fprintf(stderr, "%s\n", why.c_str());
+            return 1;
+        }
+        qputenv("LUMETRA_ARAVIS_CAMERAS", "127.0.0.1");
+        GuiRig rig({}, argv[2]);
+        CMainFrame& f = *rig.frame;
+        f.resize(1280, 960);
+        rig.Trigger(cmd::kGrabContinuous);
+        rig.Trigger(cmd::kZoomFit);
+        QTest::qWait(3000);
+        f.OnTimer(timer::kFramesGrabbed);
+        f.OnTimer(timer::kFrameLostPane);
+        ok &= rig.workbench->engine().context().framesDisplayed > 0;
+        ok &= Save(f, out.filePath("workbench-aravis.png"));
+        rig.Trigger(cmd::kGrabStop);
     }
     return ok ? 0 : 1;
 }
