@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <opencv2/core/hal/intrin.hpp>
 
 namespace lumetra {
 
@@ -62,6 +63,50 @@ uint64_t HistogramSet::Total(int c) const {
     return total;
 }
 
+// (299 R + 587 G + 114 B + 500) / 1000 as floor(floor(x / 8) / 125) = (floor(x / 8) x 33555) >> 22,
+// exact for every x up to 255500 (all 8-bit pixels): 16-bit lanes all the way but one dot product.
+template <int C>
+void GrayRow8(const uint8_t* p, int n, uint8_t* gray) {
+    int i = 0;
+#if CV_SIMD128
+    using namespace cv;
+    const v_int16x8 rg(299, 587, 299, 587, 299, 587, 299, 587);
+    const v_int16x8 b1(114, 500, 114, 500, 114, 500, 114, 500);
+    const v_uint16x8 one = v_setall_u16(1);
+    const v_uint16x8 magic = v_setall_u16(33555);
+    auto half = [&](const v_uint16x8& r, const v_uint16x8& g, const v_uint16x8& b) {
+        v_uint16x8 rg0, rg1, b0, b1x;
+        v_zip(r, g, rg0, rg1);
+        v_zip(b, one, b0, b1x);
+        const v_int32x4 x0 = v_dotprod(v_reinterpret_as_s16(rg0), rg) +
+                             v_dotprod(v_reinterpret_as_s16(b0), b1);
+        const v_int32x4 x1 = v_dotprod(v_reinterpret_as_s16(rg1), rg) +
+                             v_dotprod(v_reinterpret_as_s16(b1x), b1);
+        const v_uint16x8 y = v_reinterpret_as_u16(v_pack(x0 >> 3, x1 >> 3));
+        return v_mul_hi(y, magic) >> 6;
+    };
+    for (; i + 16 <= n; i += 16, p += 16 * C) {
+        v_uint8x16 b, g, r;
+        if constexpr (C == 3) {
+            v_load_deinterleave(p, b, g, r);
+        } else {
+            v_uint8x16 c;
+            v_load_deinterleave(p, b, g, r, c);
+        }
+        v_uint16x8 b0, b1v, g0, g1, r0, r1;
+        v_expand(b, b0, b1v);
+        v_expand(g, g0, g1);
+        v_expand(r, r0, r1);
+        v_store(gray + i, v_pack(half(r0, g0, b0), half(r1, g1, b1v)));
+    }
+#endif
+    for (; i < n; ++i, p += C) {
+        gray[i] = static_cast<uint8_t>(GrayValue(p[2], p[1], p[0]));
+    }
+}
+template void GrayRow8<3>(const uint8_t*, int, uint8_t*);
+template void GrayRow8<4>(const uint8_t*, int, uint8_t*);
+
 PixelArea ClipArea(PixelArea a, int width, int height) {
     a.left = std::clamp(a.left, 0, width);
     a.right = std::clamp(a.right, a.left, width);
@@ -82,18 +127,6 @@ constexpr int kDataToSet[kSlots] = {kBlue, kGreen, kRed, kClear, kGray};
 // Folding before 2^30 increments per copy keeps 32-bit counters safe.
 constexpr uint64_t kFoldAfter = uint64_t{1} << 30;
 
-struct GrayTables {
-    uint32_t r[256], g[256], b[256];
-    GrayTables() {
-        for (uint32_t v = 0; v < 256; ++v) {
-            r[v] = 299 * v;
-            g[v] = 587 * v;
-            b[v] = 114 * v + 500;
-        }
-    }
-};
-const GrayTables kGrayTables;
-
 // Slots are padded by 64 bytes so that equal values of different channels (a grey or flat frame)
 // never land 4 KiB apart, where the processor would take the second access for a reload of the
 // first and stall.
@@ -105,31 +138,47 @@ using Table8 = uint32_t[kSlots][kSlotStride8];
 template <int C, int Step>
 inline void count8(const uint8_t* p, int n, Table8& t) {
     constexpr std::size_t step = std::size_t{C} * Step;
-    const GrayTables& g = kGrayTables;
-    auto one = [&](const uint8_t* q, int k) {
-        const int at = k * 256;
-        if constexpr (C == 1) {
-            ++t[4][at + q[0]];
-        } else {
-            const uint32_t b = q[0], gr = q[1], r = q[2];
-            ++t[0][at + b];
-            ++t[1][at + gr];
-            ++t[2][at + r];
+    if constexpr (C == 1) {
+        int i = 0;
+        for (; i + kCopies <= n; i += kCopies, p += kCopies * step) {
+            ++t[4][p[0]];
+            ++t[4][256 + p[step]];
+            ++t[4][512 + p[2 * step]];
+            ++t[4][768 + p[3 * step]];
+        }
+        for (; i < n; ++i, p += step) {
+            ++t[4][p[0]];
+        }
+    } else {
+        // Gray for a chunk of the row at once (vectorised), then the counting.
+        constexpr int kChunk = 64;
+        alignas(16) uint8_t gray[kChunk * Step];
+        auto one = [&](const uint8_t* q, uint8_t y, int k) {
+            const int at = k * 256;
+            ++t[0][at + q[0]];
+            ++t[1][at + q[1]];
+            ++t[2][at + q[2]];
             if constexpr (C == 4) {
                 ++t[3][at + q[3]];
             }
-            ++t[4][at + (g.r[r] + g.g[gr] + g.b[b]) / 1000];
+            ++t[4][at + y];
+        };
+        for (int i = 0; i < n;) {
+            const int m = std::min(kChunk, n - i);
+            GrayRow8<C>(p, (m - 1) * Step + 1, gray);
+            int j = 0;
+            for (; j + kCopies <= m; j += kCopies) {
+                one(p + j * step, gray[j * Step], 0);
+                one(p + (j + 1) * step, gray[(j + 1) * Step], 1);
+                one(p + (j + 2) * step, gray[(j + 2) * Step], 2);
+                one(p + (j + 3) * step, gray[(j + 3) * Step], 3);
+            }
+            for (; j < m; ++j) {
+                one(p + j * step, gray[j * Step], 0);
+            }
+            i += m;
+            p += std::size_t(m) * step;
         }
-    };
-    int i = 0;
-    for (; i + kCopies <= n; i += kCopies, p += kCopies * step) {
-        one(p, 0);
-        one(p + step, 1);
-        one(p + 2 * step, 2);
-        one(p + 3 * step, 3);
-    }
-    for (; i < n; ++i, p += step) {
-        one(p, 0);
     }
 }
 

@@ -26,6 +26,10 @@ inline uint32_t GrayValue(uint32_t r, uint32_t g, uint32_t b) {
     return (299 * r + 587 * g + 114 * b + 500) / 1000;
 }
 
+// GrayValue of n 8-bit B, G, R (C == 3) or B, G, R, C (C == 4) pixels, vectorised.
+template <int C>
+void GrayRow8(const uint8_t* pixels, int n, uint8_t* gray);
+
 // Five arrays of 65536 64-bit counters. bins() is how many are in use; every count above it is 0.
 class HistogramSet {
   public:

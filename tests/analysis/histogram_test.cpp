@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <vector>
 
 #include "analysis/analysis_messages.h"
 #include "analysis_test_support.h"
@@ -87,9 +89,55 @@ TEST(CountHistograms, MatchesAPixelByPixelCountForEveryLayout) {
             }
         }
     }
+    // Rows longer than the 64-pixel chunks the colour counting computes Gray in.
+    for (auto [type, bits] : {std::pair{CV_8UC3, 24}, std::pair{CV_8UC4, 32}}) {
+        auto frame = MakeFrameCopy(RandomMat(5, 150, type, 11u + type), bits);
+        ASSERT_TRUE(frame);
+        for (const PixelArea& area : {PixelArea{0, 0, 150, 5}, {3, 1, 147, 5}, {63, 0, 129, 2}}) {
+            for (bool parity : {false, true}) {
+                SCOPED_TRACE(testing::Message() << "type " << type << " wide area " << area.left
+                                                << " parity " << parity);
+                HistogramSet got[2], want[2];
+                for (int s = 0; s < 2; ++s) {
+                    got[s].Clear(256);
+                    want[s].Clear(256);
+                }
+                ASSERT_TRUE(CountHistograms(*frame, area, parity, got, scratch));
+                ReferenceCount(*frame, area, parity, want);
+                ExpectSameCounts(got[0], want[0]);
+                ExpectSameCounts(got[1], want[1]);
+            }
+        }
+    }
     // A pure grey pixel puts Gray into its channels' bin: the weights sum to one.
     for (uint32_t v = 0; v < 65536; ++v) {
         ASSERT_EQ(GrayValue(v, v, v), v);
+    }
+}
+
+// The vectorised Gray against the formula for every 8-bit colour, in rows whose lengths leave
+// tails after the 16-pixel groups.
+TEST(GrayRow8, EveryColourMatchesTheFormula) {
+    constexpr int kRow = 4093;
+    std::vector<uint8_t> bgr(kRow * 3), bgrc(kRow * 4), gray3(kRow), gray4(kRow);
+    uint32_t v = 0;
+    while (v < (1u << 24)) {
+        const int n = static_cast<int>(std::min<uint32_t>(kRow, (1u << 24) - v));
+        for (int i = 0; i < n; ++i) {
+            const uint32_t c = v + static_cast<uint32_t>(i);
+            for (int k = 0; k < 3; ++k) {
+                bgr[i * 3 + k] = bgrc[i * 4 + k] = static_cast<uint8_t>(c >> (8 * k));
+            }
+            bgrc[i * 4 + 3] = static_cast<uint8_t>(c * 7);
+        }
+        GrayRow8<3>(bgr.data(), n, gray3.data());
+        GrayRow8<4>(bgrc.data(), n, gray4.data());
+        for (int i = 0; i < n; ++i) {
+            const uint32_t want = GrayValue(bgr[i * 3 + 2], bgr[i * 3 + 1], bgr[i * 3]);
+            ASSERT_EQ(gray3[i], want) << "colour " << v + i;
+            ASSERT_EQ(gray4[i], want) << "colour " << v + i;
+        }
+        v += static_cast<uint32_t>(n);
     }
 }
 
