@@ -1,15 +1,15 @@
 // The exported C functions: look up the camera, call it, and keep the last-error record. No C++
 // exception may leave through the C boundary.
-#include <exception>
-#include <new>
 #include <string>
+#include <utility>
 
+#include "AbiGuard.h"
 #include "Library.h"
 #include "OrvixBoard.h"
 
+using orvix::Status;
 using orvix::aravis::Camera;
 using orvix::aravis::Library;
-using orvix::aravis::Status;
 
 namespace {
 
@@ -17,23 +17,9 @@ Library& library() {
     return Library::instance();
 }
 
-int finish(int32_t function, const Status& status) {
-    if (status.ok()) {
-        return ORVIX_SUCCESS;
-    }
-    library().errors().record(function, status);
-    return 0;
-}
-
 template <typename Body>
 int guarded(int32_t function, Body&& body) {
-    try {
-        return finish(function, body());
-    } catch (const std::bad_alloc&) {
-        return finish(function, Status::fail(ORVIX_ERR_REFUSED, "Out of memory"));
-    } catch (const std::exception& e) {
-        return finish(function, Status::fail(ORVIX_ERR_REFUSED, e.what()));
-    }
+    return orvix::Guarded(library().errors(), function, std::forward<Body>(body));
 }
 
 // Runs `body` on the camera behind `handle`; failures (and exceptions) land in the error record.
@@ -47,7 +33,7 @@ int withCamera(int32_t function, OrvixHandle handle, Body&& body) {
 }
 
 Status noPointer(const char* what) {
-    return Status::fail(ORVIX_ERR_INVALID_ARGUMENT, std::string(what) + ": null pointer");
+    return orvix::NoPointer(what);
 }
 
 }  // namespace

@@ -1,16 +1,16 @@
 // The exported C functions: look up the board, call it, and keep the last-error record. No C++
 // exception may leave through the C boundary.
-#include <exception>
-#include <new>
 #include <string>
+#include <utility>
 
+#include "AbiGuard.h"
 #include "BoardLibrary.h"
 #include "OrvixBoard.h"
 #include "OrvixSim.h"
 
+using orvix::Status;
 using orvix::sim::Board;
 using orvix::sim::BoardLibrary;
-using orvix::sim::Status;
 
 namespace {
 
@@ -18,44 +18,23 @@ BoardLibrary& library() {
     return BoardLibrary::instance();
 }
 
-int finish(int32_t function, const Status& status) {
-    if (status.ok()) {
-        return ORVIX_SUCCESS;
-    }
-    library().errors().record(function, status);
-    return 0;
+template <typename Body>
+int guarded(int32_t function, Body&& body) {
+    return orvix::Guarded(library().errors(), function, std::forward<Body>(body));
 }
 
 // Runs `body` on the board behind `handle`; failures (and exceptions) land in the error record.
 template <typename Body>
 int withBoard(int32_t function, OrvixHandle handle, Body&& body) {
-    try {
+    return guarded(function, [&] {
         Status s;
         std::shared_ptr<Board> board = library().board(handle, s);
-        if (!board) {
-            return finish(function, s);
-        }
-        return finish(function, body(*board));
-    } catch (const std::bad_alloc&) {
-        return finish(function, Status::fail(ORVIX_ERR_REFUSED, "Out of memory"));
-    } catch (const std::exception& e) {
-        return finish(function, Status::fail(ORVIX_ERR_REFUSED, e.what()));
-    }
-}
-
-template <typename Body>
-int guarded(int32_t function, Body&& body) {
-    try {
-        return finish(function, body());
-    } catch (const std::bad_alloc&) {
-        return finish(function, Status::fail(ORVIX_ERR_REFUSED, "Out of memory"));
-    } catch (const std::exception& e) {
-        return finish(function, Status::fail(ORVIX_ERR_REFUSED, e.what()));
-    }
+        return board ? body(*board) : s;
+    });
 }
 
 Status noPointer(const char* what) {
-    return Status::fail(ORVIX_ERR_INVALID_ARGUMENT, std::string(what) + ": null pointer");
+    return orvix::NoPointer(what);
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "OrvixBoard.h"
 #include "Status.h"
 
-namespace orvix::sim {
+namespace orvix {
 
 class ErrorRecord {
   public:
@@ -25,4 +25,4 @@ class ErrorRecord {
     OrvixErrorInfo info_{};
 };
 
-}  // namespace orvix::sim
+}  // namespace orvix

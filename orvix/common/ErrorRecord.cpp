@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace orvix::sim {
+namespace orvix {
 
 void ErrorRecord::clearLocked() {
     info_ = OrvixErrorInfo{};
@@ -17,7 +17,7 @@ void ErrorRecord::record(int32_t function, const Status& status) {
     info_.function = function;
     info_.parameter = static_cast<int32_t>(status.subject);
     info_.code = status.code;
-    size_t n = std::min(status.text.size(), sizeof info_.text - 1);
+    const size_t n = std::min(status.text.size(), sizeof info_.text - 1);
     std::memcpy(info_.text, status.text.data(), n);
     info_.text[n] = '\0';
 }
@@ -31,4 +31,4 @@ OrvixErrorInfo ErrorRecord::read(bool clear) {
     return copy;
 }
 
-}  // namespace orvix::sim
+}  // namespace orvix

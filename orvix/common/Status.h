@@ -1,5 +1,6 @@
-// Outcome of a simulator operation: a board-library error code, the parameter or register it
-// concerns, and an English text. The ABI layer copies a failed Status into the last-error record.
+// Outcome of an operation of a board library of ours (the simulator, the Aravis cameras): a
+// board-library error code, the parameter or register it concerns, and an English text. The ABI
+// layer copies a failed Status into the last-error record.
 // Thread: a plain value; use from any thread.
 #pragma once
 
@@ -9,7 +10,7 @@
 
 #include "OrvixBoard.h"
 
-namespace orvix::sim {
+namespace orvix {
 
 struct Status {
     int32_t code = ORVIX_ERR_NONE;
@@ -24,4 +25,4 @@ struct Status {
     }
 };
 
-}  // namespace orvix::sim
+}  // namespace orvix
