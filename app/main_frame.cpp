@@ -12,6 +12,8 @@
 #include <QMimeData>
 #include <QSettings>
 #include <QToolBar>
+#include <algorithm>
+#include <iterator>
 
 #include "app/icons.h"
 #include "app/raw_import.h"
@@ -44,47 +46,32 @@ constexpr ViewCommand kViewCommands[] = {
 
 // Commands whose windows come later: their actions exist with their ids but stay out of sight
 // until the windows do, rather than sit in the menus greyed out.
+constexpr int kWindowsToCome[] = {cmd::kBoardConfiguration, cmd::kSystemConfiguration,
+                                  cmd::kHorizontalProfile,  cmd::kVerticalProfile,
+                                  cmd::kImageAnalytics,     cmd::kDataGrid,
+                                  cmd::kRoiAnalytics,       cmd::kMeasure,
+                                  cmd::kRoiDisplay,         cmd::kCheckSignal,
+                                  cmd::kImageBadPixel,      cmd::kRoiBadPixel,
+                                  cmd::kPixelCapture,       cmd::kSendCommand,
+                                  cmd::kAdvancedHistogram};
+// Commands that show a check mark: a window that is open, or a view option that is on.
+constexpr int kCheckable[] = {
+    cmd::kMarker,         cmd::kMessageWindow,     cmd::kHighlightClipping,
+    cmd::kFalseColour,    cmd::kHorizontalProfile, cmd::kVerticalProfile,
+    cmd::kImageAnalytics, cmd::kDataGrid,          cmd::kRoiAnalytics,
+    cmd::kMeasure,        cmd::kRoiDisplay,        cmd::kAdvancedHistogram};
+
+template <size_t N>
+bool Among(const int (&ids)[N], int id) {
+    return std::find(std::begin(ids), std::end(ids), id) != std::end(ids);
+}
+
 bool WindowNotBuiltYet(int id) {
-    switch (id) {
-        case cmd::kBoardConfiguration:
-        case cmd::kSystemConfiguration:
-        case cmd::kHorizontalProfile:
-        case cmd::kVerticalProfile:
-        case cmd::kImageAnalytics:
-        case cmd::kDataGrid:
-        case cmd::kRoiAnalytics:
-        case cmd::kMeasure:
-        case cmd::kRoiDisplay:
-        case cmd::kCheckSignal:
-        case cmd::kImageBadPixel:
-        case cmd::kRoiBadPixel:
-        case cmd::kPixelCapture:
-        case cmd::kSendCommand:
-        case cmd::kAdvancedHistogram:
-            return true;
-        default:
-            return false;
-    }
+    return Among(kWindowsToCome, id);
 }
 
 bool Checkable(int id) {
-    switch (id) {
-        case cmd::kMarker:
-        case cmd::kMessageWindow:
-        case cmd::kHighlightClipping:
-        case cmd::kFalseColour:
-        case cmd::kHorizontalProfile:
-        case cmd::kVerticalProfile:
-        case cmd::kImageAnalytics:
-        case cmd::kDataGrid:
-        case cmd::kRoiAnalytics:
-        case cmd::kMeasure:
-        case cmd::kRoiDisplay:
-        case cmd::kAdvancedHistogram:
-            return true;
-        default:
-            return false;
-    }
+    return Among(kCheckable, id);
 }
 
 QKeySequence Shortcut(int id) {

@@ -226,7 +226,7 @@ const FaultRow kBoardRows[] = {
      [](FaultMatrix& t) {
          ASSERT_TRUE(t.workbench->GrabContinuous());
          t.Frames(59);
-         ASSERT_EQ(t.advanceTime(t.handle(), 20000), ORVIX_SUCCESS);  // past 1000 ms
+         ASSERT_EQ(t.hooks.advanceTime(t.handle(), 20000), ORVIX_SUCCESS);  // past 1000 ms
          ASSERT_TRUE(t.sink.WaitFor(msg::kSignalLost));
          t.Dispatch();
          EXPECT_TRUE(t.workbench->engine().idle());
@@ -257,7 +257,8 @@ std::vector<FaultRow> StopRows() {
         if (refusals < 5) {
             row.lines = Texts({"Start Grab", "Grab Stop\n"});
             row.next = [](FaultMatrix& t) {
-                EXPECT_NE(t.advanceFrames(t.handle(), 1), ORVIX_SUCCESS) << "the board stopped";
+                EXPECT_NE(t.hooks.advanceFrames(t.handle(), 1), ORVIX_SUCCESS)
+                    << "the board stopped";
                 t.ExpectGrabWorks();
             };
         } else {
@@ -271,7 +272,7 @@ std::vector<FaultRow> StopRows() {
                 t.log.clear();
                 t.workbench->GrabStop();
                 EXPECT_EQ(t.Lines(), std::vector<std::string>{"Grab Stop\n"});
-                EXPECT_NE(t.advanceFrames(t.handle(), 1), ORVIX_SUCCESS);
+                EXPECT_NE(t.hooks.advanceFrames(t.handle(), 1), ORVIX_SUCCESS);
                 t.log.clear();
                 ASSERT_TRUE(t.workbench->GrabContinuous());
                 t.Frames(3);
@@ -333,7 +334,7 @@ const FaultRow kGrabRows[] = {
          ASSERT_TRUE(t.workbench->GrabContinuous());
          t.Frames(2);
          // A second's worth of frames at once: more than the ring of 8 holds.
-         ASSERT_EQ(t.advanceTime(t.handle(), 1000000), ORVIX_SUCCESS);
+         ASSERT_EQ(t.hooks.advanceTime(t.handle(), 1000000), ORVIX_SUCCESS);
          t.Dispatch();
          EXPECT_TRUE(t.workbench->engine().continuousRunning()) << "lost frames do not stop it";
          uint32_t lost = 0;

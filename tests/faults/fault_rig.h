@@ -3,7 +3,6 @@
 // test wants, and the front end's side played by a message queue, a log and a scripted prompt.
 #pragma once
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include "OrvixSim.h"
 #include "base/settings.h"
 #include "support/recording_log.h"
+#include "support/sim_hooks.h"
 #include "workbench/workbench.h"
 #include "workbench/workbench_support.h"
 
@@ -62,25 +62,15 @@ class FaultRig : public ::testing::Test {
         BoardLibraryLoad load = LoadBoardLibrary(SIM_LIBRARY);
         ASSERT_TRUE(load.library) << load.error;
         library = std::move(load.library);
-        sim = dlopen(SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(sim, nullptr);
-        setManualClock =
-            reinterpret_cast<decltype(setManualClock)>(dlsym(sim, "OrvixSimSetManualClock"));
-        advanceFrames =
-            reinterpret_cast<decltype(advanceFrames)>(dlsym(sim, "OrvixSimAdvanceFrames"));
-        advanceTime = reinterpret_cast<decltype(advanceTime)>(dlsym(sim, "OrvixSimAdvanceTime"));
-        ASSERT_NE(setManualClock, nullptr);
-        ASSERT_NE(advanceFrames, nullptr);
-        ASSERT_NE(advanceTime, nullptr);
+        const std::string why = hooks.Open(SIM_LIBRARY);
+        ASSERT_TRUE(why.empty()) << why;
         damaging = std::make_unique<DamagingLibrary>(*library);
     }
     void TearDown() override {
         workbench.reset();
         damaging.reset();
         library.reset();
-        if (sim != nullptr) {
-            dlclose(sim);
-        }
+        hooks.Close();
         ::unsetenv("ORVIX_SIM_CONFIG");
         std::filesystem::remove_all(dir);
     }
@@ -102,11 +92,11 @@ class FaultRig : public ::testing::Test {
         s.resourceConfigPath = (dir / "BoardConfig.ini").string();
         workbench = std::make_unique<Workbench>(s);
         if (workbench->document().hasBoard()) {
-            ASSERT_EQ(setManualClock(handle(), 1), ORVIX_SUCCESS);
+            ASSERT_EQ(hooks.setManualClock(handle(), 1), ORVIX_SUCCESS);
         }
     }
     OrvixHandle handle() { return workbench->document().handle(); }
-    void Frames(uint32_t n) { ASSERT_EQ(advanceFrames(handle(), n), ORVIX_SUCCESS); }
+    void Frames(uint32_t n) { ASSERT_EQ(hooks.advanceFrames(handle(), n), ORVIX_SUCCESS); }
     void Dispatch() { sink.Dispatch(*workbench); }
     std::vector<std::string> Lines() { return log.lines(); }
     std::string Path(const std::string& name) const { return (dir / name).string(); }
@@ -135,10 +125,7 @@ class FaultRig : public ::testing::Test {
     std::filesystem::path dir;
     std::unique_ptr<BoardLibrary> library;
     std::unique_ptr<DamagingLibrary> damaging;
-    void* sim = nullptr;
-    int (*setManualClock)(OrvixHandle, int32_t) = nullptr;
-    int (*advanceFrames)(OrvixHandle, uint32_t) = nullptr;
-    int (*advanceTime)(OrvixHandle, uint64_t) = nullptr;
+    SimHooks hooks;
     MemorySettings settings;
     RecordingLog log;
     QueueSink sink;

@@ -3,8 +3,6 @@
 // the test, and the frame's messages are handled as the event loop would.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <QAbstractButton>
 #include <QApplication>
 #include <QDialog>
@@ -16,6 +14,7 @@
 
 #include "app/main_frame.h"
 #include "imaging/ui/main_view.h"
+#include "support/sim_hooks.h"
 
 namespace lumetra::test {
 
@@ -58,9 +57,9 @@ class GuiRig {
         }
         BoardLibraryLoad load = LoadBoardLibrary(libraryPath);
         library = std::move(load.library);
-        sim = dlopen(SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-        setManual = reinterpret_cast<decltype(setManual)>(dlsym(sim, "OrvixSimSetManualClock"));
-        advance = reinterpret_cast<decltype(advance)>(dlsym(sim, "OrvixSimAdvanceFrames"));
+        if (const std::string why = hooks.Open(SIM_LIBRARY); !why.empty()) {
+            qFatal("%s", why.c_str());
+        }
 
         appSettings = AppSettings::Load(settings, dir.path().toStdString());
         FrameServices fs;
@@ -81,7 +80,7 @@ class GuiRig {
         ws.resourceConfigPath = dir.filePath("BoardConfig.ini").toStdString();
         workbench = std::make_unique<Workbench>(ws);
         if (workbench->document().hasBoard() && libraryPath == std::string(SIM_LIBRARY)) {
-            setManual(workbench->document().handle(), 1);
+            hooks.setManualClock(workbench->document().handle(), 1);
         }
         frame->Attach(*workbench);
         frame->resize(1024, 768);
@@ -95,9 +94,7 @@ class GuiRig {
         frame.reset();
         workbench.reset();
         library.reset();
-        if (sim != nullptr) {
-            dlclose(sim);
-        }
+        hooks.Close();
     }
 
     // Delivers the posted messages, as the event loop does between two user actions.
@@ -106,7 +103,7 @@ class GuiRig {
             QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         }
     }
-    void Frames(uint32_t n) { advance(workbench->document().handle(), n); }
+    void Frames(uint32_t n) { hooks.advanceFrames(workbench->document().handle(), n); }
     void Trigger(int id) {
         QAction* a = frame->action(id);
         QVERIFY2(a != nullptr, qPrintable(QString::number(id)));
@@ -132,9 +129,7 @@ class GuiRig {
     QtMessageLog log;
     RecordingPrompt prompt;
     std::unique_ptr<BoardLibrary> library;
-    void* sim = nullptr;
-    int (*setManual)(OrvixHandle, int32_t) = nullptr;
-    int (*advance)(OrvixHandle, uint32_t) = nullptr;
+    SimHooks hooks;
     std::unique_ptr<Workbench> workbench;
     std::unique_ptr<CMainFrame> frame;
 };

@@ -9,7 +9,6 @@
 // and under the sanitizers.
 //
 // Usage: lumetra_soak [--seconds S] [--dir DIR] [--verbose]
-#include <dlfcn.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -37,6 +36,7 @@
 #include "analysis/roi_bad_pixels.h"
 #include "base/settings.h"
 #include "recording/image_save_worker.h"
+#include "support/sim_hooks.h"
 #include "workbench/workbench.h"
 
 namespace lumetra::soak {
@@ -236,10 +236,7 @@ class CountingLibrary final : public ForwardingBoardLibrary {
 
 struct Sim {
     std::unique_ptr<BoardLibrary> library;
-    void* handle = nullptr;
-    int (*setManualClock)(OrvixHandle, int32_t) = nullptr;
-    int (*advanceFrames)(OrvixHandle, uint32_t) = nullptr;
-    int (*advanceTime)(OrvixHandle, uint64_t) = nullptr;
+    test::SimHooks hooks;
 };
 
 Sim LoadSim() {
@@ -249,18 +246,8 @@ Sim LoadSim() {
         Fail(0, "the simulated board does not load: " + load.error);
     }
     sim.library = std::move(load.library);
-    sim.handle = dlopen(SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    if (sim.handle == nullptr) {
-        Fail(0, "dlopen of the simulated board failed");
-    }
-    sim.setManualClock =
-        reinterpret_cast<decltype(sim.setManualClock)>(dlsym(sim.handle, "OrvixSimSetManualClock"));
-    sim.advanceFrames =
-        reinterpret_cast<decltype(sim.advanceFrames)>(dlsym(sim.handle, "OrvixSimAdvanceFrames"));
-    sim.advanceTime =
-        reinterpret_cast<decltype(sim.advanceTime)>(dlsym(sim.handle, "OrvixSimAdvanceTime"));
-    if (!sim.setManualClock || !sim.advanceFrames || !sim.advanceTime) {
-        Fail(0, "the simulated board lacks its manual clock");
+    if (const std::string why = sim.hooks.Open(SIM_LIBRARY); !why.empty()) {
+        Fail(0, why);
     }
     return sim;
 }
@@ -389,7 +376,7 @@ class Cycle {
         s.resourceConfigPath = (dir_ / "BoardConfig.ini").string();
         workbench_ = std::make_unique<Workbench>(s);
         SOAK_CHECK(workbench_->document().hasBoard(), "no board");
-        SOAK_CHECK(sim_.setManualClock(handle(), 1) == ORVIX_SUCCESS, "no manual clock");
+        SOAK_CHECK(sim_.hooks.setManualClock(handle(), 1) == ORVIX_SUCCESS, "no manual clock");
         log_.Take();
         basic_ = std::make_unique<HistogramAnalytics>(AnalyticsKind::kBasic, engineQueue_, boxes_);
         roi_ = std::make_unique<HistogramAnalytics>(AnalyticsKind::kRoi, engineQueue_, boxes_);
@@ -473,7 +460,7 @@ class Cycle {
 
     // Frames from the board; false once the board has no further frame (the signal is gone).
     bool Frames(uint32_t n) {
-        if (sim_.advanceFrames(handle(), n) == ORVIX_SUCCESS) {
+        if (sim_.hooks.advanceFrames(handle(), n) == ORVIX_SUCCESS) {
             return true;
         }
         const int32_t code = LastError();
@@ -516,7 +503,7 @@ class Cycle {
             workbench_->GrabStop();
         }
         expected.push_back("Grab Stop\n");
-        SOAK_CHECK(sim_.advanceFrames(handle(), 1) != ORVIX_SUCCESS &&
+        SOAK_CHECK(sim_.hooks.advanceFrames(handle(), 1) != ORVIX_SUCCESS &&
                        LastError() == ORVIX_ERR_NOT_GRABBING,
                    "the board still grabs");
     }
@@ -602,7 +589,7 @@ class Cycle {
 
     bool WaitForSignalLoss(std::vector<std::string>& expected) {
         // No frame is due any more: the board's time moves on to the loss itself.
-        SOAK_CHECK(sim_.advanceTime(handle(), 5000) == ORVIX_SUCCESS, "moving past the loss");
+        SOAK_CHECK(sim_.hooks.advanceTime(handle(), 5000) == ORVIX_SUCCESS, "moving past the loss");
         SOAK_CHECK(queue_.WaitFor(msg::kSignalLost), "the watch-dog never noticed");
         Dispatch();
         SOAK_CHECK(workbench_->engine().idle(), "the signal loss did not stop the grab");
@@ -615,7 +602,7 @@ class Cycle {
     bool Inject(std::vector<std::string>&) {
         switch (fault_) {
             case Fault::kLostFrames:
-                SOAK_CHECK(sim_.advanceTime(handle(), kOverrunMicros) == ORVIX_SUCCESS, "overrun");
+                SOAK_CHECK(sim_.hooks.advanceTime(handle(), kOverrunMicros) == ORVIX_SUCCESS, "overrun");
                 ++totals_.faults[FaultName(fault_)];
                 return true;
             case Fault::kTimeout:
@@ -824,7 +811,7 @@ int Main(int argc, char** argv) {
         100.0 * (static_cast<double>(residentAtEnd) - static_cast<double>(residentAfterWarmUp)) /
         static_cast<double>(residentAfterWarmUp);
     sim.library.reset();
-    dlclose(sim.handle);
+    sim.hooks.Close();
     ::unsetenv("ORVIX_SIM_CONFIG");
     fs::remove_all(dir);
     const size_t threadsAtEnd = ThreadCount();

@@ -50,7 +50,7 @@ TEST_F(WorkbenchRun, OpenGrabRecordStopFaultAndGrabAgain) {
     ASSERT_TRUE(workbench->GrabContinuous());
     const size_t stopsBefore = watched->threads().size();
     Frames(59);
-    ASSERT_EQ(advanceTime(handle(), 20000), ORVIX_SUCCESS);  // past 1000 ms
+    ASSERT_EQ(hooks.advanceTime(handle(), 20000), ORVIX_SUCCESS);  // past 1000 ms
     ASSERT_TRUE(sink.WaitFor(msg::kSignalLost));
     EXPECT_TRUE(engine.continuousRunning()) << "nothing is stopped before the post is handled";
     Dispatch();
@@ -108,7 +108,7 @@ TEST_F(WorkbenchRun, ShutdownWhileGrabbingAndRecordingEndsEverything) {
     EXPECT_TRUE(workbench->engine().idle());
     EXPECT_FALSE(workbench->videoRecorder().running());
     EXPECT_EQ(workbench->videoRecorder().framesEncoded(), 4u);
-    EXPECT_EQ(advanceFrames(handle(), 1), 0) << "the board no longer grabs";
+    EXPECT_EQ(hooks.advanceFrames(handle(), 1), 0) << "the board no longer grabs";
     workbench.reset();
 }
 

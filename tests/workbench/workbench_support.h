@@ -3,7 +3,6 @@
 // clock, with the front end's side played by a message queue, a log and a scripted prompt.
 #pragma once
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -19,6 +18,7 @@
 #include "OrvixSim.h"
 #include "base/settings.h"
 #include "support/recording_log.h"
+#include "support/sim_hooks.h"
 #include "workbench/workbench.h"
 
 namespace lumetra::test {
@@ -165,26 +165,15 @@ class SimWorkbench : public ::testing::Test {
         BoardLibraryLoad load = LoadBoardLibrary(SIM_LIBRARY);
         ASSERT_TRUE(load.library) << load.error;
         library = std::move(load.library);
-        // The same library again (the loader's copy is the same instance): its test entry points.
-        sim = dlopen(SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(sim, nullptr);
-        setManualClock =
-            reinterpret_cast<decltype(setManualClock)>(dlsym(sim, "OrvixSimSetManualClock"));
-        advanceFrames =
-            reinterpret_cast<decltype(advanceFrames)>(dlsym(sim, "OrvixSimAdvanceFrames"));
-        advanceTime = reinterpret_cast<decltype(advanceTime)>(dlsym(sim, "OrvixSimAdvanceTime"));
-        ASSERT_NE(setManualClock, nullptr);
-        ASSERT_NE(advanceFrames, nullptr);
-        ASSERT_NE(advanceTime, nullptr);
+        const std::string why = hooks.Open(SIM_LIBRARY);
+        ASSERT_TRUE(why.empty()) << why;
         watched = std::make_unique<WatchedLibrary>(*library);
     }
     void TearDown() override {
         workbench.reset();
         watched.reset();
         library.reset();
-        if (sim != nullptr) {
-            dlclose(sim);
-        }
+        hooks.Close();
         ::unsetenv("ORVIX_SIM_CONFIG");
         std::filesystem::remove_all(dir);
     }
@@ -212,21 +201,18 @@ class SimWorkbench : public ::testing::Test {
         s.openFolder = [this](const std::string& folder) { opened.push_back(folder); };
         workbench = std::make_unique<Workbench>(s);
         if (workbench->document().hasBoard()) {
-            ASSERT_EQ(setManualClock(workbench->document().handle(), 1), ORVIX_SUCCESS);
+            ASSERT_EQ(hooks.setManualClock(workbench->document().handle(), 1), ORVIX_SUCCESS);
         }
     }
     OrvixHandle handle() { return workbench->document().handle(); }
-    void Frames(uint32_t n) { ASSERT_EQ(advanceFrames(handle(), n), ORVIX_SUCCESS); }
+    void Frames(uint32_t n) { ASSERT_EQ(hooks.advanceFrames(handle(), n), ORVIX_SUCCESS); }
     void Dispatch() { sink.Dispatch(*workbench); }
     std::vector<std::string> Lines() { return log.lines(); }
 
     std::filesystem::path dir;
     std::unique_ptr<BoardLibrary> library;
     std::unique_ptr<WatchedLibrary> watched;
-    void* sim = nullptr;
-    int (*setManualClock)(OrvixHandle, int32_t) = nullptr;
-    int (*advanceFrames)(OrvixHandle, uint32_t) = nullptr;
-    int (*advanceTime)(OrvixHandle, uint64_t) = nullptr;
+    SimHooks hooks;
     MemorySettings settings;
     RecordingLog log;
     QueueSink sink;
