@@ -78,10 +78,10 @@ void GrayRow8(const uint8_t* p, int n, uint8_t* gray) {
         v_uint16x8 rg0, rg1, b0, b1x;
         v_zip(r, g, rg0, rg1);
         v_zip(b, one, b0, b1x);
-        const v_int32x4 x0 = v_dotprod(v_reinterpret_as_s16(rg0), rg) +
-                             v_dotprod(v_reinterpret_as_s16(b0), b1);
-        const v_int32x4 x1 = v_dotprod(v_reinterpret_as_s16(rg1), rg) +
-                             v_dotprod(v_reinterpret_as_s16(b1x), b1);
+        const v_int32x4 x0 =
+            v_dotprod(v_reinterpret_as_s16(rg0), rg) + v_dotprod(v_reinterpret_as_s16(b0), b1);
+        const v_int32x4 x1 =
+            v_dotprod(v_reinterpret_as_s16(rg1), rg) + v_dotprod(v_reinterpret_as_s16(b1x), b1);
         const v_uint16x8 y = v_reinterpret_as_u16(v_pack(x0 >> 3, x1 >> 3));
         return v_mul_hi(y, magic) >> 6;
     };

@@ -602,7 +602,8 @@ class Cycle {
     bool Inject(std::vector<std::string>&) {
         switch (fault_) {
             case Fault::kLostFrames:
-                SOAK_CHECK(sim_.hooks.advanceTime(handle(), kOverrunMicros) == ORVIX_SUCCESS, "overrun");
+                SOAK_CHECK(sim_.hooks.advanceTime(handle(), kOverrunMicros) == ORVIX_SUCCESS,
+                           "overrun");
                 ++totals_.faults[FaultName(fault_)];
                 return true;
             case Fault::kTimeout:
