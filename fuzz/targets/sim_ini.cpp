@@ -10,6 +10,7 @@
 #include "fuzz_support.h"
 
 using namespace orvix::sim;
+using orvix::Status;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -11,6 +11,7 @@
 #include "fuzz_support.h"
 
 using namespace orvix::sim;
+using orvix::Status;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const BoardConfig cameraLink = defaultBoard(0);
