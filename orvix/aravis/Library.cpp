@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "CameraList.h"
+#include "Handles.h"
 
 namespace orvix::aravis {
 namespace {
@@ -213,14 +214,7 @@ Status Library::boardName(int32_t boardType, int32_t index, char* name, uint32_t
 
 std::shared_ptr<Camera> Library::camera(int32_t handle, Status& status) {
     std::lock_guard lock(mutex_);
-    if (handle >= 1 && static_cast<size_t>(handle) <= open_.size() &&
-        open_[static_cast<size_t>(handle) - 1]) {
-        status = Status::success();
-        return open_[static_cast<size_t>(handle) - 1];
-    }
-    status = Status::fail(ORVIX_ERR_NO_BOARD_SELECTED,
-                          "No board has been selected (handle " + std::to_string(handle) + ")");
-    return nullptr;
+    return OpenedBy(open_, handle, status);
 }
 
 Status Library::close(int32_t handle) {

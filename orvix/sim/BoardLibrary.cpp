@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Handles.h"
+
 namespace orvix::sim {
 
 BoardLibrary::~BoardLibrary() {
@@ -121,14 +123,7 @@ Status BoardLibrary::boardName(int32_t boardType, int32_t index, char* name, uin
 
 std::shared_ptr<Board> BoardLibrary::board(int32_t handle, Status& status) {
     std::lock_guard lock(mutex_);
-    if (handle >= 1 && static_cast<size_t>(handle) <= open_.size() &&
-        open_[static_cast<size_t>(handle) - 1]) {
-        status = Status::success();
-        return open_[static_cast<size_t>(handle) - 1];
-    }
-    status = Status::fail(ORVIX_ERR_NO_BOARD_SELECTED,
-                          "No board has been selected (handle " + std::to_string(handle) + ")");
-    return nullptr;
+    return OpenedBy(open_, handle, status);
 }
 
 Status BoardLibrary::close(int32_t handle) {
