@@ -95,16 +95,27 @@ bool DecodePnm(const uint8_t* data, size_t size, cv::Mat& image, std::string& er
     }
     const int channels = colour ? 3 : 1;
     const bool wide = maxval > 255;
-    cv::Mat pixels(int(height), int(width), CV_MAKETYPE(wide ? CV_16U : CV_8U, channels));
     const size_t samples = size_t(width) * size_t(height) * size_t(channels);
+    // The file must hold every sample (as text, at least a digit and a separator each) before
+    // memory is taken for them: a dozen bytes may claim gigabytes.
+    const size_t need = binary ? samples * (wide ? 2 : 1) : samples * 2 - 1;
+    const size_t have = size - in.at();
+    if (have < need) {
+        error = binary ? "the file is damaged or truncated (" + std::to_string(have) + " of " +
+                             std::to_string(need) + " bytes of samples)"
+                       : "the file is damaged or truncated (too little text for " +
+                             std::to_string(samples) + " samples)";
+        return false;
+    }
+    cv::Mat pixels;
+    try {
+        pixels.create(int(height), int(width), CV_MAKETYPE(wide ? CV_16U : CV_8U, channels));
+    } catch (const cv::Exception&) {
+        error = "not enough memory for a " + std::to_string(width) + " x " +
+                std::to_string(height) + " image";
+        return false;
+    }
     if (binary) {
-        const size_t need = samples * (wide ? 2 : 1);
-        const size_t have = size - in.at();
-        if (have < need) {
-            error = "the file is damaged or truncated (" + std::to_string(have) + " of " +
-                    std::to_string(need) + " bytes of samples)";
-            return false;
-        }
         const uint8_t* p = data + in.at();
         if (wide) {
             auto* out = pixels.ptr<uint16_t>();
