@@ -260,4 +260,8 @@ void CKELM_PCIE_VexCardDoc::post(uint32_t message, intptr_t w, intptr_t l) {
     }
 }
 
+ViewSources CKELM_PCIE_VexCardDoc::viewSources() {
+    return {*frame_, displayMode, bayer_, background_, [this] { return grabEngine().idle(); }};
+}
+
 }  // namespace lumetra

@@ -16,6 +16,7 @@
 #include "base/messages.h"
 #include "base/settings.h"
 #include "imaging/frame_image.h"
+#include "imaging/view_sources.h"
 
 namespace lumetra {
 
@@ -80,6 +81,8 @@ class CKELM_PCIE_VexCardDoc {
     bool monochromeDisplay = false;
 
     const cv::Mat& backgroundImage() const { return background_; }
+    // What the main image view draws from.
+    ViewSources viewSources();
 
     // One line to the message window. Thread: any.
     void Log(std::string_view text) { log_->log(text); }

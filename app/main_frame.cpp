@@ -236,7 +236,8 @@ void CMainFrame::CreateToolBars() {
 
 void CMainFrame::Attach(Workbench& workbench) {
     workbench_ = &workbench;
-    view_ = new CLumetraMainWnd(workbench.document(), *services_.log, services_.sink, this);
+    view_ = new CLumetraMainWnd(workbench.document().viewSources(), *services_.log, services_.sink,
+                                this);
     view_->setObjectName("CLumetraMainWnd");
     setCentralWidget(view_);
     workbench.engine().setLastPaint(&view_->lastPaintMs());

@@ -76,7 +76,7 @@ class ViewSink final : public MessageSink {
 
 struct Window {
     explicit Window(CKELM_PCIE_VexCardDoc& document, MessageLog& log, MessageSink* sink)
-        : view(document, log, sink) {
+        : view(document.viewSources(), log, sink) {
         view.resize(1280, 960);
         view.show();
         QObject::connect(&view, &QOpenGLWidget::frameSwapped, [this] {

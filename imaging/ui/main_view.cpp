@@ -17,6 +17,7 @@
 #include <cmath>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "imaging/display_modes.h"
 #include "imaging/ui/display_setting.h"
@@ -55,13 +56,13 @@ QSurfaceFormat CLumetraMainWnd::DefaultSurfaceFormat() {
     return format;
 }
 
-CLumetraMainWnd::CLumetraMainWnd(CKELM_PCIE_VexCardDoc& document, MessageLog& log,
-                                 MessageSink* sink, QWidget* parent)
-    : CLumetraMainWnd(document, log, sink, DefaultSurfaceFormat(), parent) {}
+CLumetraMainWnd::CLumetraMainWnd(ViewSources sources, MessageLog& log, MessageSink* sink,
+                                 QWidget* parent)
+    : CLumetraMainWnd(std::move(sources), log, sink, DefaultSurfaceFormat(), parent) {}
 
-CLumetraMainWnd::CLumetraMainWnd(CKELM_PCIE_VexCardDoc& document, MessageLog& log,
-                                 MessageSink* sink, const QSurfaceFormat& format, QWidget* parent)
-    : QOpenGLWidget(parent), document_(document), log_(log), sink_(sink) {
+CLumetraMainWnd::CLumetraMainWnd(ViewSources sources, MessageLog& log, MessageSink* sink,
+                                 const QSurfaceFormat& format, QWidget* parent)
+    : QOpenGLWidget(parent), sources_(std::move(sources)), log_(log), sink_(sink) {
     setFormat(format);
     setMouseTracking(true);
     setFocusPolicy(Qt::StrongFocus);
@@ -177,13 +178,12 @@ void CLumetraMainWnd::paintGL() {
         settings.rect = rect_;
         settings.zoom = zoom_;
         settings.client = client;
-        settings.mode = document_.displayMode;
+        settings.mode = sources_.displayMode;
         settings.dataFormat = dataFormat_;
-        settings.bayer = document_.bayer();
+        settings.bayer = sources_.bayer;
         settings.highlightClipping = highlight_;
         settings.falseColour = falseColour_;
-        const cv::Mat& image =
-            renderer_.Render(document_.frameImage(), settings, document_.backgroundImage());
+        const cv::Mat& image = renderer_.Render(sources_.frame, settings, sources_.background);
         GLenum format = 0;
         GLenum type = 0;
         switch (LayoutOfDrawing(image)) {
@@ -303,8 +303,8 @@ QImage CLumetraMainWnd::viewImage() {
 // ---- layout ----
 
 cv::Size CLumetraMainWnd::imageSize() const {
-    std::lock_guard lock(document_.frameImage().frameLock());
-    const ImageBuffer& raw = document_.frameImage().raw();
+    std::lock_guard lock(sources_.frame.frameLock());
+    const ImageBuffer& raw = sources_.frame.raw();
     return raw.hasImage() ? cv::Size(raw.width(), raw.height()) : cv::Size();
 }
 
@@ -445,7 +445,7 @@ void CLumetraMainWnd::runCommand(int id) {
     }
     for (const DisplayModeInfo& mode : kDisplayModes) {
         if (mode.commandId == id) {
-            document_.displayMode = mode.mode;
+            sources_.displayMode = mode.mode;
             update();
             return;
         }
@@ -503,17 +503,17 @@ void CLumetraMainWnd::runCommand(int id) {
 bool CLumetraMainWnd::commandEnabled(int id) const {
     for (const DisplayModeInfo& mode : kDisplayModes) {
         if (mode.commandId == id) {
-            std::lock_guard lock(document_.frameImage().frameLock());
-            const ImageBuffer& raw = document_.frameImage().raw();
+            std::lock_guard lock(sources_.frame.frameLock());
+            const ImageBuffer& raw = sources_.frame.raw();
             return raw.hasImage() &&
                    DisplayModeAvailable(mode.mode, raw.channels(), raw.width(), raw.height(),
-                                        BayerDisplayOn(document_.bayer(), raw.channels()));
+                                        BayerDisplayOn(sources_.bayer, raw.channels()));
         }
     }
     switch (id) {
         case viewcmd::kBlankImage:
             // Only while no grab runs: the next frame would cover it at once.
-            return document_.grabEngine().idle();
+            return sources_.idle();
         case viewcmd::kGotoPixel:
         case viewcmd::kZoomFit:
             return !imageSize().empty();
@@ -536,7 +536,7 @@ bool CLumetraMainWnd::commandChecked(int id) const {
     }
     for (const DisplayModeInfo& mode : kDisplayModes) {
         if (mode.commandId == id) {
-            return document_.displayMode == mode.mode;
+            return sources_.displayMode == mode.mode;
         }
     }
     for (int format = 0; format < static_cast<int>(kDataFormatCommands.size()); ++format) {
@@ -579,9 +579,9 @@ QMenu* CLumetraMainWnd::createContextMenu(QWidget* parent) {
     bool hasAux = false;
     int channels = 0;
     {
-        std::lock_guard lock(document_.frameImage().frameLock());
-        channels = document_.frameImage().raw().channels();
-        hasAux = document_.frameImage().aux().hasImage();
+        std::lock_guard lock(sources_.frame.frameLock());
+        channels = sources_.frame.raw().channels();
+        hasAux = sources_.frame.aux().hasImage();
     }
     for (int mode : MenuModes(MenuVariantFor(channels, hasAux))) {
         const DisplayModeInfo& info = kDisplayModes[static_cast<size_t>(mode)];
@@ -592,7 +592,7 @@ QMenu* CLumetraMainWnd::createContextMenu(QWidget* parent) {
 
 void CLumetraMainWnd::openDisplaySettingDialog() {
     auto* dialog = new CDisplaySetting(
-        document_.frameImage(), [this] { update(); }, this);
+        sources_.frame, [this] { update(); }, this);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->open();
 }
@@ -614,8 +614,8 @@ void CLumetraMainWnd::openGotoPixelDialog() {
 
 void CLumetraMainWnd::blankImage() {
     {
-        std::lock_guard lock(document_.frameImage().frameLock());
-        FrameImage& frame = document_.frameImage();
+        std::lock_guard lock(sources_.frame.frameLock());
+        FrameImage& frame = sources_.frame;
         ImageBuffer& raw = frame.raw();
         if (raw.hasImage()) {
             std::memset(raw.data(), ImageBuffer::kFillByte, raw.size());
@@ -645,9 +645,8 @@ void CLumetraMainWnd::setMarkerPixel(QPoint pixel) {
 }
 
 std::string CLumetraMainWnd::markerReadout() const {
-    std::lock_guard lock(document_.frameImage().frameLock());
-    return MarkerReadout(document_.frameImage().raw(), markerPixel_.x(), markerPixel_.y(),
-                         dataFormat_);
+    std::lock_guard lock(sources_.frame.frameLock());
+    return MarkerReadout(sources_.frame.raw(), markerPixel_.x(), markerPixel_.y(), dataFormat_);
 }
 
 void CLumetraMainWnd::setOverlayShape(const QRectF& imageRect, bool lineOnly) {

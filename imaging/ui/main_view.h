@@ -20,10 +20,10 @@
 #include <optional>
 #include <string>
 
-#include "acquisition/board_document.h"
 #include "base/messages.h"
 #include "imaging/view_layout.h"
 #include "imaging/view_render.h"
+#include "imaging/view_sources.h"
 
 class QLabel;
 class QMenu;
@@ -36,13 +36,13 @@ namespace lumetra {
 class CLumetraMainWnd : public QOpenGLWidget {
     Q_OBJECT
   public:
-    // Borrows the document (its Frame image, frame lock, display mode, Bayer settings,
+    // Borrows the document's sources (Frame image, frame lock, display mode, Bayer settings,
     // background) and the log for the context-creation texts; sink gets 0x466 when the marker
     // moves and 0x401 after "Blank Image". Thread: the user-interface thread, as all of the view.
-    CLumetraMainWnd(CKELM_PCIE_VexCardDoc& document, MessageLog& log, MessageSink* sink,
+    CLumetraMainWnd(ViewSources sources, MessageLog& log, MessageSink* sink,
                     QWidget* parent = nullptr);
     // The same with the surface format asked of the context (a compatibility profile by default).
-    CLumetraMainWnd(CKELM_PCIE_VexCardDoc& document, MessageLog& log, MessageSink* sink,
+    CLumetraMainWnd(ViewSources sources, MessageLog& log, MessageSink* sink,
                     const QSurfaceFormat& format, QWidget* parent = nullptr);
     ~CLumetraMainWnd() override;
 
@@ -149,7 +149,7 @@ class CLumetraMainWnd : public QOpenGLWidget {
     void drawOverlays(int clientWidth, int clientHeight);
     void showPixelTip(cv::Point2d client);
 
-    CKELM_PCIE_VexCardDoc& document_;
+    ViewSources sources_;
     MessageLog& log_;
     MessageSink* sink_;
     Prompt* prompt_ = nullptr;

@@ -55,7 +55,7 @@ struct Rig {
         services.log = &documentLog;
         services.resourceConfigPath = "/nonexistent/BoardConfig.ini";
         document = std::make_unique<CKELM_PCIE_VexCardDoc>(services);
-        view = std::make_unique<CLumetraMainWnd>(*document, log, &sink, format);
+        view = std::make_unique<CLumetraMainWnd>(document->viewSources(), log, &sink, format);
         view->setPrompt(&prompt);
         view->resize(size);
         view->show();
