@@ -106,8 +106,19 @@ bool FrameStore::Deliver(ImageBuffer& raw, std::mutex& frameLock,
         return false;
     }
     if (jpeg) {
+        // The picture must fit the raw image exactly; a header that claims otherwise is refused
+        // before the decoder allocates anything for it.
+        JpegShape shape;
+        {
+            std::lock_guard frameGuard(frameLock);
+            if (!raw.hasImage() || raw.depth() != 8) {
+                DebugOutput("jpeg decompress failure: the frame is not 8-bit");
+                return false;
+            }
+            shape = {raw.width(), raw.height(), raw.channels()};
+        }
         std::string error;
-        if (!DecodeJpeg(jpegBytes_.data(), jpegBytes_.size(), decoded_, error)) {
+        if (!DecodeJpeg(jpegBytes_.data(), jpegBytes_.size(), decoded_, error, &shape)) {
             DebugOutput("jpeg decompress failure: " + error);
             return false;
         }
@@ -117,7 +128,7 @@ bool FrameStore::Deliver(ImageBuffer& raw, std::mutex& frameLock,
         return false;
     }
     if (jpeg) {
-        // The picture must fit the raw image exactly.
+        // The frame's format can change only while no grab runs; checked again all the same.
         if (raw.depth() != 8 || decoded_.cols != raw.width() || decoded_.rows != raw.height() ||
             decoded_.channels() != raw.channels()) {
             DebugOutput("jpeg decompress failure: the picture does not fit the frame");

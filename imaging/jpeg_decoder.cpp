@@ -51,8 +51,8 @@ void JpegEmitMessage(j_common_ptr info, int level) {
 }
 
 // No object with a destructor may live in this frame: longjmp skips destructors.
-bool DecodeJpegInto(const uint8_t* data, size_t size, cv::Mat* image, char* reason,
-                    size_t reasonSize) {
+bool DecodeJpegInto(const uint8_t* data, size_t size, const JpegShape* expected, cv::Mat* image,
+                    char* reason, size_t reasonSize) {
     jpeg_decompress_struct info;
     JpegErrors errors;
     info.err = jpeg_std_error(&errors.manager);
@@ -87,6 +87,16 @@ bool DecodeJpegInto(const uint8_t* data, size_t size, cv::Mat* image, char* reas
         jpeg_destroy_decompress(&info);
         std::snprintf(reason, reasonSize, "unsupported JPEG colour layout (%d components)",
                       info.num_components);
+        return false;
+    }
+    if (expected != nullptr && (info.image_width != static_cast<JDIMENSION>(expected->width) ||
+                                info.image_height != static_cast<JDIMENSION>(expected->height) ||
+                                channels != expected->channels)) {
+        jpeg_destroy_decompress(&info);
+        std::snprintf(reason, reasonSize,
+                      "the picture is %u x %u with %d channel(s), the frame %d x %d with %d",
+                      info.image_width, info.image_height, channels, expected->width,
+                      expected->height, expected->channels);
         return false;
     }
     // A few hundred bytes may claim 65500 x 65500 pixels. Huffman-coded sequential data spend at
@@ -131,10 +141,11 @@ bool DecodeJpegInto(const uint8_t* data, size_t size, cv::Mat* image, char* reas
 
 }  // namespace
 
-bool DecodeJpeg(const uint8_t* data, size_t size, cv::Mat& image, std::string& error) {
-    char reason[JMSG_LENGTH_MAX + 64] = {};
+bool DecodeJpeg(const uint8_t* data, size_t size, cv::Mat& image, std::string& error,
+                const JpegShape* expected) {
+    char reason[JMSG_LENGTH_MAX + 96] = {};
     cv::Mat decoded;
-    if (!DecodeJpegInto(data, size, &decoded, reason, sizeof reason)) {
+    if (!DecodeJpegInto(data, size, expected, &decoded, reason, sizeof reason)) {
         error = std::string("the JPEG data are damaged or truncated (") + reason + ")";
         return false;
     }

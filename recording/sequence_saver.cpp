@@ -316,7 +316,8 @@ bool SequenceSaver::Write(const Slot& slot, StagedImageFile& staged, std::string
     const std::string path = SequenceFileName(request_.base, slot.number, request_.extension);
     cv::Mat image;
     if (slot.jpeg) {
-        if (!DecodeJpeg(slot.buffer.bytes.get(), slot.size, image, error)) {
+        const JpegShape shape{request_.width, request_.height, request_.channels};
+        if (!DecodeJpeg(slot.buffer.bytes.get(), slot.size, image, error, &shape)) {
             return false;
         }
     } else {

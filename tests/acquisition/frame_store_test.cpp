@@ -8,6 +8,8 @@
 #include <opencv2/imgproc.hpp>
 #include <thread>
 
+#include "imaging/jpeg_decoder.h"
+
 namespace lumetra::test {
 namespace {
 
@@ -94,6 +96,70 @@ TEST(FrameStore, UndecodableJpegLeavesTheImageAndSaysNothing) {
     other.Create(8, 1, 32, 16);
     store.Put(jpeg.data(), jpeg.size(), true);
     EXPECT_FALSE(store.Deliver(other, frameLock));
+}
+
+// A progressive 16 x 16 colour picture, its frame header (SOF2) claiming side x side pixels.
+std::vector<uint8_t> ProgressiveClaiming(int side) {
+    std::vector<uint8_t> jpeg;
+    EXPECT_TRUE(
+        cv::imencode(".jpg", pattern(16, 16, CV_8UC3), jpeg, {cv::IMWRITE_JPEG_PROGRESSIVE, 1}));
+    for (size_t i = 0; i + 9 < jpeg.size(); ++i) {
+        if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC2) {
+            for (size_t field : {i + 5, i + 7}) {  // height, then width, most significant first
+                jpeg[field] = static_cast<uint8_t>(side >> 8);
+                jpeg[field + 1] = static_cast<uint8_t>(side & 0xFF);
+            }
+            return jpeg;
+        }
+    }
+    ADD_FAILURE() << "no SOF2 marker";
+    return jpeg;
+}
+
+// A board's frame has a known shape: a header claiming another one is refused before the decoder
+// allocates for it. 26000 x 26000 progressive would take some 2 GB of coefficients.
+TEST(FrameStore, JpegClaimingAnotherShapeIsRefusedBeforeDecoding) {
+    struct Case {
+        int side;
+        JpegShape expected;
+        const char* error;  // empty: decodes
+    } cases[] = {
+        {16, {16, 16, 3}, ""},
+        {16,
+         {16, 16, 1},
+         "the JPEG data are damaged or truncated (the picture is 16 x 16 with 3 channel(s), the "
+         "frame 16 x 16 with 1)"},
+        {16,
+         {17, 16, 3},
+         "the JPEG data are damaged or truncated (the picture is 16 x 16 with 3 channel(s), the "
+         "frame 17 x 16 with 3)"},
+        {26000,
+         {16, 16, 3},
+         "the JPEG data are damaged or truncated (the picture is 26000 x 26000 with 3 channel(s), "
+         "the frame 16 x 16 with 3)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.side);
+        const std::vector<uint8_t> jpeg = ProgressiveClaiming(c.side);
+        cv::Mat image;
+        std::string error;
+        EXPECT_EQ(DecodeJpeg(jpeg.data(), jpeg.size(), image, error, &c.expected), !*c.error);
+        EXPECT_EQ(error, c.error);
+    }
+
+    // The store asks for the raw image's shape.
+    const std::vector<uint8_t> huge = ProgressiveClaiming(26000);
+    std::mutex frameLock;
+    FrameStore store;
+    ASSERT_TRUE(store.Resize(4096));
+    ImageBuffer raw;
+    raw.Create(8, 3, 16, 16);
+    store.Put(huge.data(), huge.size(), true);
+    EXPECT_FALSE(store.Deliver(raw, frameLock));
+    EXPECT_EQ(raw.data()[0], ImageBuffer::kFillByte);
+    const std::vector<uint8_t> good = ProgressiveClaiming(16);
+    store.Put(good.data(), good.size(), true);
+    EXPECT_TRUE(store.Deliver(raw, frameLock));
 }
 
 // The reader's check runs under the frame lock with the store's lock free, for plain and JPEG
