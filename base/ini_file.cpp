@@ -20,14 +20,19 @@ std::string_view trim(std::string_view s) {
     return s;
 }
 
-}  // namespace
-
-bool IniFile::NoCase::operator()(std::string_view a, std::string_view b) const {
-    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) <
-               std::tolower(static_cast<unsigned char>(y));
-    });
+// Profile files fold ASCII letters only (no locale call per character: a ROIConfig.ini may hold
+// thousands of keys).
+std::string folded(std::string_view name) {
+    std::string out(name);
+    for (char& c : out) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c + ('a' - 'A'));
+        }
+    }
+    return out;
 }
+
+}  // namespace
 
 std::optional<IniFile> IniFile::Load(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -67,12 +72,12 @@ IniFile IniFile::Parse(std::string_view text) {
 
 std::string IniFile::value(std::string_view section, std::string_view key,
                            std::string_view fallback) const {
-    auto s = sections_.find(section);
+    auto s = sections_.find(folded(section));
     if (s == sections_.end()) {
         return std::string(fallback);
     }
-    auto k = s->second.find(key);
-    return k == s->second.end() ? std::string(fallback) : k->second;
+    auto k = s->second.keys.find(folded(key));
+    return k == s->second.keys.end() ? std::string(fallback) : k->second.value;
 }
 
 int IniFile::intValue(std::string_view section, std::string_view key, int fallback) const {
@@ -85,24 +90,32 @@ int IniFile::intValue(std::string_view section, std::string_view key, int fallba
 }
 
 bool IniFile::has(std::string_view section, std::string_view key) const {
-    auto s = sections_.find(section);
-    return s != sections_.end() && s->second.count(key) != 0;
+    auto s = sections_.find(folded(section));
+    return s != sections_.end() && s->second.keys.count(folded(key)) != 0;
 }
 
 void IniFile::set(std::string_view section, std::string_view key, std::string_view value) {
-    auto s = sections_.find(section);
+    std::string sectionKey = folded(section);
+    auto s = sections_.find(sectionKey);
     if (s == sections_.end()) {
-        s = sections_.emplace(std::string(section), Section{}).first;
+        s = sections_.emplace(std::move(sectionKey), Section{std::string(section), {}}).first;
     }
-    s->second.insert_or_assign(std::string(key), std::string(value));
+    std::string keyKey = folded(key);
+    auto k = s->second.keys.find(keyKey);
+    if (k == s->second.keys.end()) {
+        s->second.keys.emplace(std::move(keyKey), Key{std::string(key), std::string(value)});
+    } else {
+        k->second.value = value;  // the name keeps its first spelling
+    }
 }
 
 std::string IniFile::text() const {
     std::string out;
-    for (const auto& [name, keys] : sections_) {
-        out += "[" + name + "]\n";
-        for (const auto& [k, v] : keys) {
-            out += k + "=" + v + "\n";
+    for (const auto& entry : sections_) {
+        const Section& section = entry.second;
+        out += "[" + section.name + "]\n";
+        for (const auto& [foldedName, key] : section.keys) {
+            out += key.name + "=" + key.value + "\n";
         }
     }
     return out;

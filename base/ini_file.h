@@ -27,13 +27,17 @@ class IniFile {
     bool Save(const std::string& path) const;
 
   private:
-    // Section and key names compare without regard to case, as profile files do.
-    struct NoCase {
-        using is_transparent = void;
-        bool operator()(std::string_view a, std::string_view b) const;
+    // Section and key names compare without regard to case, as profile files do: each map is
+    // keyed by the folded name and keeps the name as first written.
+    struct Key {
+        std::string name;
+        std::string value;
     };
-    using Section = std::map<std::string, std::string, NoCase>;
-    std::map<std::string, Section, NoCase> sections_;
+    struct Section {
+        std::string name;
+        std::map<std::string, Key, std::less<>> keys;
+    };
+    std::map<std::string, Section, std::less<>> sections_;
 };
 
 }  // namespace lumetra

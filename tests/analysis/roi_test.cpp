@@ -109,6 +109,30 @@ TEST_F(RoiConfigTest, SaveRoundTripsAndKeepsWhatItDoesNotWrite) {
     EXPECT_FALSE(SaveRoiSet((dir / "missing" / "ROIConfig.ini").string(), one));
 }
 
+// Names match without regard to ASCII case; a name keeps the spelling it was first written with,
+// and the text lists sections and keys in folded order.
+TEST(IniFileNames, CaseFoldsAndTheFirstSpellingStays) {
+    IniFile ini = IniFile::Parse("[Config]\nRoiCount=2\n[viewer]\nZoom=3\n[CONFIG]\nroicount=5\n");
+    const struct {
+        const char* section;
+        const char* key;
+        const char* value;
+    } reads[] = {{"config", "ROICOUNT", "5"}, {"VIEWER", "zoom", "3"}, {"Config", "Zoom", ""}};
+    for (const auto& r : reads) {
+        EXPECT_EQ(ini.value(r.section, r.key), r.value) << r.section << "/" << r.key;
+        EXPECT_EQ(ini.has(r.section, r.key), *r.value != '\0') << r.section << "/" << r.key;
+    }
+    ini.set("VIEWER", "ZOOM", "4");
+    ini.set("config", "B_key", "x");
+    ini.set("Config", "a_KEY", "y");
+    EXPECT_EQ(ini.text(), "[Config]\na_KEY=y\nB_key=x\nRoiCount=5\n[viewer]\nZoom=4\n");
+    // Only ASCII letters fold: bytes above 127 compare as they are.
+    ini.set("Config", "\xC4", "upper");
+    ini.set("Config", "\xE4", "lower");
+    EXPECT_EQ(ini.value("Config", "\xC4"), "upper");
+    EXPECT_EQ(ini.value("Config", "\xE4"), "lower");
+}
+
 TEST(RoiSet, FirstUnreasonableRowIsNamed) {
     const int w = 640, h = 480;
     EXPECT_EQ(FirstUnreasonableRoi({{0, 0, 639, 479}}, w, h), std::nullopt);
