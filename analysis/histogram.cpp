@@ -6,6 +6,18 @@
 #include <cstring>
 #include <opencv2/core/hal/intrin.hpp>
 
+#if defined(__x86_64__)
+// GCC 12 takes the AVX-512 headers' deliberately undefined vectors for uninitialised ones.
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <immintrin.h>
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#endif
+
 namespace lumetra {
 
 HistogramSet::HistogramSet() {
@@ -63,17 +75,21 @@ uint64_t HistogramSet::Total(int c) const {
     return total;
 }
 
+namespace {
+
 // (299 R + 587 G + 114 B + 500) / 1000 as floor(floor(x / 8) / 125) = (floor(x / 8) x 33555) >> 22,
-// exact for every x up to 255500 (all 8-bit pixels): 16-bit lanes all the way but one dot product.
+// exact for every x up to 255500 (all 8-bit pixels). Pixels from..n - 1 of the chunk at p.
 template <int C>
-void GrayRow8(const uint8_t* p, int n, uint8_t* gray) {
-    int i = 0;
+void SplitPortable(const uint8_t* p, int from, int n, uint8_t (*planes)[kSplitChunk]) {
+    int i = from;
+    p += std::size_t(from) * C;
 #if CV_SIMD128
     using namespace cv;
     const v_int16x8 rg(299, 587, 299, 587, 299, 587, 299, 587);
     const v_int16x8 b1(114, 500, 114, 500, 114, 500, 114, 500);
     const v_uint16x8 one = v_setall_u16(1);
     const v_uint16x8 magic = v_setall_u16(33555);
+    // 16-bit lanes all the way but one dot product.
     auto half = [&](const v_uint16x8& r, const v_uint16x8& g, const v_uint16x8& b) {
         v_uint16x8 rg0, rg1, b0, b1x;
         v_zip(r, g, rg0, rg1);
@@ -92,20 +108,134 @@ void GrayRow8(const uint8_t* p, int n, uint8_t* gray) {
         } else {
             v_uint8x16 c;
             v_load_deinterleave(p, b, g, r, c);
+            v_store(planes[3] + i, c);
         }
+        v_store(planes[0] + i, b);
+        v_store(planes[1] + i, g);
+        v_store(planes[2] + i, r);
         v_uint16x8 b0, b1v, g0, g1, r0, r1;
         v_expand(b, b0, b1v);
         v_expand(g, g0, g1);
         v_expand(r, r0, r1);
-        v_store(gray + i, v_pack(half(r0, g0, b0), half(r1, g1, b1v)));
+        v_store(planes[4] + i, v_pack(half(r0, g0, b0), half(r1, g1, b1v)));
     }
 #endif
     for (; i < n; ++i, p += C) {
-        gray[i] = static_cast<uint8_t>(GrayValue(p[2], p[1], p[0]));
+        for (int k = 0; k < C; ++k) {
+            planes[k][i] = p[k];
+        }
+        planes[4][i] = static_cast<uint8_t>(GrayValue(p[2], p[1], p[0]));
     }
 }
-template void GrayRow8<3>(const uint8_t*, int, uint8_t*);
-template void GrayRow8<4>(const uint8_t*, int, uint8_t*);
+
+#if defined(__x86_64__)
+#define LUMETRA_SPLIT_AVX512 1
+#define LUMETRA_AVX512 gnu::target("avx512f,avx512bw,avx512vbmi,avx512vnni")
+
+// Sixteen pixels: their samples gathered by plane, one 128-bit lane each (B, G, R, and 0 or C),
+// and their Gray. One byte permutation lays each pixel out as a 32-bit lane (B, G, R, 0 or C) and
+// two byte dot products give x = 299 R + 587 G + 114 B + 500 as (114 B + 75 G + 43 R + 500) +
+// 256 (2 G + R), every weight fitting a signed byte.
+template <int C>
+[[LUMETRA_AVX512, gnu::always_inline]] inline __m128i Split16Avx512(const uint8_t* p,
+                                                                    __m512i& planes) {
+    alignas(64) static constexpr uint8_t kLanes[64] = {
+        0,  1,  2,  0,  3,  4,  5,  0,  6,  7,  8,  0,  9,  10, 11, 0,  12, 13, 14, 0,  15, 16,
+        17, 0,  18, 19, 20, 0,  21, 22, 23, 0,  24, 25, 26, 0,  27, 28, 29, 0,  30, 31, 32, 0,
+        33, 34, 35, 0,  36, 37, 38, 0,  39, 40, 41, 0,  42, 43, 44, 0,  45, 46, 47, 0};
+    alignas(64) static constexpr uint8_t kPlanes3[64] = {
+        0,  3,  6,  9,  12, 15, 18, 21, 24, 27, 30, 33, 36, 39, 42, 45, 1,  4,  7,  10, 13, 16,
+        19, 22, 25, 28, 31, 34, 37, 40, 43, 46, 2,  5,  8,  11, 14, 17, 20, 23, 26, 29, 32, 35,
+        38, 41, 44, 47, 0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0};
+    alignas(64) static constexpr uint8_t kPlanes4[64] = {
+        0,  4,  8,  12, 16, 20, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60, 1,  5,  9,  13, 17, 21,
+        25, 29, 33, 37, 41, 45, 49, 53, 57, 61, 2,  6,  10, 14, 18, 22, 26, 30, 34, 38, 42, 46,
+        50, 54, 58, 62, 3,  7,  11, 15, 19, 23, 27, 31, 35, 39, 43, 47, 51, 55, 59, 63};
+    __m512i v;
+    __m512i px;
+    if constexpr (C == 3) {
+        v = _mm512_maskz_loadu_epi8(0x0000FFFFFFFFFFFFull, p);
+        px = _mm512_permutexvar_epi8(_mm512_load_si512(kLanes), v);
+    } else {
+        v = _mm512_loadu_si512(p);
+        px = v;
+    }
+    planes = _mm512_permutexvar_epi8(_mm512_load_si512(C == 3 ? kPlanes3 : kPlanes4), v);
+    const __m512i lo = _mm512_dpbusd_epi32(_mm512_set1_epi32(500), px,
+                                           _mm512_set1_epi32(0x002B4B72));  // 114, 75, 43, 0
+    const __m512i hi = _mm512_dpbusd_epi32(_mm512_setzero_si512(), px,
+                                           _mm512_set1_epi32(0x00010200));  // 0, 2, 1, 0
+    const __m512i x = _mm512_add_epi32(lo, _mm512_slli_epi32(hi, 8));
+    const __m512i y = _mm512_srli_epi32(
+        _mm512_mullo_epi32(_mm512_srli_epi32(x, 3), _mm512_set1_epi32(33555)), 22);
+    return _mm512_cvtepi32_epi8(y);
+}
+
+template <int C>
+[[LUMETRA_AVX512]] void SplitAvx512(const uint8_t* p, int n, uint8_t (*planes)[kSplitChunk]) {
+    int i = 0;
+    for (; i + 16 <= n; i += 16) {
+        __m512i s;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[4] + i),
+                         Split16Avx512<C>(p + std::size_t(i) * C, s));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[0] + i), _mm512_castsi512_si128(s));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[1] + i),
+                         _mm512_maskz_extracti32x4_epi32(0xF, s, 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[2] + i),
+                         _mm512_maskz_extracti32x4_epi32(0xF, s, 2));
+        if constexpr (C == 4) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[3] + i),
+                             _mm512_maskz_extracti32x4_epi32(0xF, s, 3));
+        }
+    }
+    SplitPortable<C>(p, i, n, planes);
+}
+#else
+#define LUMETRA_SPLIT_AVX512 0
+#endif
+
+using SplitFn = void (*)(const uint8_t*, int, uint8_t (*)[kSplitChunk]);
+
+template <int C>
+SplitFn SplitFor(SplitKernel kernel) {
+#if LUMETRA_SPLIT_AVX512
+    if (kernel == SplitKernel::kAvx512) {
+        return SplitAvx512<C>;
+    }
+#endif
+    (void)kernel;
+    return [](const uint8_t* p, int n, uint8_t(*planes)[kSplitChunk]) {
+        SplitPortable<C>(p, 0, n, planes);
+    };
+}
+
+SplitKernel BestKernel() {
+    static const SplitKernel best =
+        KernelAvailable(SplitKernel::kAvx512) ? SplitKernel::kAvx512 : SplitKernel::kPortable;
+    return best;
+}
+
+}  // namespace
+
+bool KernelAvailable(SplitKernel kernel) {
+    if (kernel == SplitKernel::kPortable) {
+        return true;
+    }
+#if LUMETRA_SPLIT_AVX512
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vnni");
+#else
+    return false;
+#endif
+}
+
+template <int C>
+void SplitRow8(const uint8_t* p, int n, uint8_t (*planes)[kSplitChunk], SplitKernel kernel) {
+    SplitFor<C>(KernelAvailable(kernel) ? kernel : SplitKernel::kPortable)(p, n, planes);
+}
+template void SplitRow8<3>(const uint8_t*, int, uint8_t (*)[kSplitChunk], SplitKernel);
+template void SplitRow8<4>(const uint8_t*, int, uint8_t (*)[kSplitChunk], SplitKernel);
 
 PixelArea ClipArea(PixelArea a, int width, int height) {
     a.left = std::clamp(a.left, 0, width);
@@ -133,12 +263,26 @@ constexpr uint64_t kFoldAfter = uint64_t{1} << 30;
 constexpr int kSlotStride8 = kCopies * 256 + 16;
 using Table8 = uint32_t[kSlots][kSlotStride8];
 
+// Four pixels of one plane, read as one word: one increment each, pixel k into copy k (on a
+// big-endian processor pixel k goes into copy 3 - k, which counts the same).
+inline void count4(uint32_t* table, const uint8_t* plane) {
+    uint32_t w;
+    std::memcpy(&w, plane, sizeof w);
+    ++table[w & 0xFF];
+    ++table[256 + ((w >> 8) & 0xFF)];
+    ++table[512 + ((w >> 16) & 0xFF)];
+    ++table[768 + (w >> 24)];
+}
+
 // Step is 1 for every pixel and 2 for every other one (column parity); constant strides let the
-// compiler address the four pixels of a group directly.
+// compiler address the four pixels of a group directly. Colour pixels are split into planes a
+// chunk at a time (with their Gray), so that the counting reads four samples with each load and
+// spends the processor's memory accesses on the increments.
 template <int C, int Step>
-inline void count8(const uint8_t* p, int n, Table8& t) {
+inline void count8(const uint8_t* p, int n, Table8& t, SplitFn split) {
     constexpr std::size_t step = std::size_t{C} * Step;
     if constexpr (C == 1) {
+        (void)split;
         int i = 0;
         for (; i + kCopies <= n; i += kCopies, p += kCopies * step) {
             ++t[4][p[0]];
@@ -150,31 +294,30 @@ inline void count8(const uint8_t* p, int n, Table8& t) {
             ++t[4][p[0]];
         }
     } else {
-        // Gray for a chunk of the row at once (vectorised), then the counting.
-        constexpr int kChunk = 64;
-        alignas(16) uint8_t gray[kChunk * Step];
-        auto one = [&](const uint8_t* q, uint8_t y, int k) {
-            const int at = k * 256;
-            ++t[0][at + q[0]];
-            ++t[1][at + q[1]];
-            ++t[2][at + q[2]];
-            if constexpr (C == 4) {
-                ++t[3][at + q[3]];
-            }
-            ++t[4][at + y];
-        };
+        alignas(64) uint8_t planes[kSlots][kSplitChunk];
+        constexpr int kPerChunk = kSplitChunk / Step;
         for (int i = 0; i < n;) {
-            const int m = std::min(kChunk, n - i);
-            GrayRow8<C>(p, (m - 1) * Step + 1, gray);
+            const int m = std::min(kPerChunk, n - i);
+            split(p, (m - 1) * Step + 1, planes);
             int j = 0;
-            for (; j + kCopies <= m; j += kCopies) {
-                one(p + j * step, gray[j * Step], 0);
-                one(p + (j + 1) * step, gray[(j + 1) * Step], 1);
-                one(p + (j + 2) * step, gray[(j + 2) * Step], 2);
-                one(p + (j + 3) * step, gray[(j + 3) * Step], 3);
+            if constexpr (Step == 1) {
+                for (; j + kCopies <= m; j += kCopies) {
+                    count4(t[0], planes[0] + j);
+                    count4(t[1], planes[1] + j);
+                    count4(t[2], planes[2] + j);
+                    if constexpr (C == 4) {
+                        count4(t[3], planes[3] + j);
+                    }
+                    count4(t[4], planes[4] + j);
+                }
             }
             for (; j < m; ++j) {
-                one(p + j * step, gray[j * Step], 0);
+                const int at = (j % kCopies) * 256;
+                for (int k = 0; k < kSlots; ++k) {
+                    if (k < C || k == 4) {  // plane 3 is empty for three channels
+                        ++t[k][at + planes[k][j * Step]];
+                    }
+                }
             }
             i += m;
             p += std::size_t(m) * step;
@@ -217,13 +360,13 @@ template <int Step>
 void countRow8(int channels, const uint8_t* p, int n, Table8& t) {
     switch (channels) {
         case 1:
-            count8<1, Step>(p, n, t);
+            count8<1, Step>(p, n, t, nullptr);
             break;
         case 3:
-            count8<3, Step>(p, n, t);
+            count8<3, Step>(p, n, t, SplitFor<3>(BestKernel()));
             break;
         default:
-            count8<4, Step>(p, n, t);
+            count8<4, Step>(p, n, t, SplitFor<4>(BestKernel()));
             break;
     }
 }
@@ -298,9 +441,24 @@ void fold16(uint32_t* t, HistogramSet& set, int channels) {
 
 }  // namespace
 
+RowBlocks::RowBlocks(PixelArea area, int frameWidth)
+    : next_(area.top),
+      bottom_(area.bottom),
+      rowsPerBlock_(std::max(1, 65536 / std::max(1, frameWidth))) {}
+
+bool RowBlocks::Take(int& top, int& bottom) {
+    const int first = next_.fetch_add(rowsPerBlock_, std::memory_order_relaxed);
+    if (first >= bottom_) {
+        return false;
+    }
+    top = first;
+    bottom = std::min(first + rowsPerBlock_, bottom_);
+    return true;
+}
+
 bool CountHistograms(const FrameCopy& frame, PixelArea area, bool splitParity, HistogramSet* sets,
                      HistogramScratch& scratch, const std::atomic<bool>* running,
-                     const RowObserver* observer) {
+                     const RowObserver* observer, RowBlocks* blocks) {
     area = ClipArea(area, frame.width(), frame.height());
     const int channels = frame.channels();
     const int nSets = splitParity ? 2 : 1;
@@ -343,9 +501,23 @@ bool CountHistograms(const FrameCopy& frame, PixelArea area, bool splitParity, H
         }
     };
 
+    // The rows to walk: the whole area, or block after block.
+    int y = area.top;
+    int blockEnd = blocks != nullptr ? area.top : area.bottom;
+    auto nextRow = [&] {
+        while (y >= blockEnd) {
+            if (blocks == nullptr || !blocks->Take(y, blockEnd)) {
+                return false;
+            }
+            y = std::max(y, area.top);
+            blockEnd = std::min(blockEnd, area.bottom);
+        }
+        return true;
+    };
+
     bool completed = true;
     uint64_t sinceFold = 0;
-    for (int y = area.top; y < area.bottom; ++y) {
+    for (; nextRow(); ++y) {
         if (running != nullptr && !running->load(std::memory_order_relaxed)) {
             completed = false;
             break;

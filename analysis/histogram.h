@@ -26,9 +26,17 @@ inline uint32_t GrayValue(uint32_t r, uint32_t g, uint32_t b) {
     return (299 * r + 587 * g + 114 * b + 500) / 1000;
 }
 
-// GrayValue of n 8-bit B, G, R (C == 3) or B, G, R, C (C == 4) pixels, vectorised.
+// 8-bit colour pixels are split into planes before they are counted, by one of these: the
+// portable one (SSE2 and up), or by hand with AVX-512 (VBMI and VNNI) where the processor has
+// them. Counting uses the best the processor runs.
+enum class SplitKernel { kPortable, kAvx512 };
+bool KernelAvailable(SplitKernel kernel);
+
+inline constexpr int kSplitChunk = 64;
+// n (at most kSplitChunk) B, G, R (C == 3) or B, G, R, C (C == 4) pixels into planes 0 to C - 1 and
+// their GrayValue into plane 4; an unavailable kernel falls back to the portable one.
 template <int C>
-void GrayRow8(const uint8_t* pixels, int n, uint8_t* gray);
+void SplitRow8(const uint8_t* pixels, int n, uint8_t (*planes)[kSplitChunk], SplitKernel kernel);
 
 // Five arrays of 65536 64-bit counters. bins() is how many are in use; every count above it is 0.
 class HistogramSet {
@@ -77,6 +85,23 @@ PixelArea ClipArea(PixelArea area, int width, int height);
 // Called at the start of every row a worker walks (tests use it to stop a worker mid-frame).
 using RowObserver = std::function<void(int row)>;
 
+// The rows of one area handed out in blocks to the workers that count it together: each takes
+// the next block until none is left, so a worker that starts late, or is held up by another
+// thread, leaves its share to the others. Blocks are about 64 Ki pixels.
+//
+// Thread: Take() from any thread.
+class RowBlocks {
+  public:
+    RowBlocks(PixelArea area, int frameWidth);
+    // The next block of rows [top, bottom); false when every row is taken.
+    bool Take(int& top, int& bottom);
+
+  private:
+    std::atomic<int> next_;
+    const int bottom_;
+    const int rowsPerBlock_;
+};
+
 // Per-worker counting memory (32-bit sub-histograms), kept between frames.
 class HistogramScratch {
   public:
@@ -87,17 +112,18 @@ class HistogramScratch {
 
   private:
     friend bool CountHistograms(const FrameCopy&, PixelArea, bool, HistogramSet*, HistogramScratch&,
-                                const std::atomic<bool>*, const RowObserver*);
+                                const std::atomic<bool>*, const RowObserver*, RowBlocks*);
     struct Tables;
     std::unique_ptr<Tables> tables_;
 };
 
-// Counts the pixels of area (clipped to the frame). Without parity everything goes into sets[0];
-// with it, even image columns go into sets[0] and odd ones into sets[1]. The sets are added to,
-// not cleared. running is checked before every row: false when the count was abandoned.
+// Counts the pixels of area (clipped to the frame); with blocks, only the rows it takes from them.
+// Without parity everything goes into sets[0]; with it, even image columns go into sets[0] and odd
+// ones into sets[1]. The sets are added to, not cleared. running is checked before every row:
+// false when the count was abandoned.
 bool CountHistograms(const FrameCopy& frame, PixelArea area, bool splitParity, HistogramSet* sets,
                      HistogramScratch& scratch, const std::atomic<bool>* running = nullptr,
-                     const RowObserver* observer = nullptr);
+                     const RowObserver* observer = nullptr, RowBlocks* blocks = nullptr);
 
 // Channel means (Red, Green, Blue, Clear): each channel's sum over the frame divided by width x
 // height (integer division). A mono frame's mean is in the Red slot, the row the dialogs label

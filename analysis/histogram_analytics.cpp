@@ -25,9 +25,9 @@ bool stillRunning(const std::atomic<bool>& flag) {
 
 }  // namespace
 
-// One half of the rows. The worker counts into `work` without a lock and swaps it with `done`
-// under the engine's lock, so the half that finishes second can sum both while the first
-// already counts the next frame.
+// One of the two histogram workers: it counts the blocks of rows it takes into `work` without a
+// lock and swaps it with `done` under the engine's lock, so the band that finishes second can sum
+// both while the first already counts the next frame.
 struct HistogramAnalytics::Band {
     Worker worker;
     HistogramScratch scratch;
@@ -252,26 +252,34 @@ void HistogramAnalytics::RunBand(int index) {
     uint64_t generation = 0;
     uint64_t sequence = 0;
     PixelArea area;
+    std::shared_ptr<RowBlocks> rows;
     {
         std::lock_guard lock(mutex_);
         f = slot_.frame();
         generation = generation_;
         sequence = slot_.sequence();
+        if (band.doneGeneration == generation) {
+            return;  // woken twice for one frame: its rows are counted, and counting is not
+                     // repeatable once they are shared out
+        }
         if (f) {
             area = areaLocked(*f);
+            // The first band to count this generation hands out its rows to both.
+            if (rowBlocksGeneration_ != generation || !rowBlocks_) {
+                rowBlocks_ = std::make_shared<RowBlocks>(area, f->width());
+                rowBlocksGeneration_ = generation;
+            }
+            rows = rowBlocks_;
         }
     }
     if (!f) {
         return;  // the copy failed: nothing for this frame
     }
-    PixelArea half = area;
-    const int middle = area.top + area.height() / 2;
-    (index == 0 ? half.bottom : half.top) = middle;
     for (HistogramSet& set : band.work) {
         set.Clear(BinsFor(*f));
     }
-    if (!CountHistograms(*f, half, kind_ == AnalyticsKind::kRoi, band.work.data(), band.scratch,
-                         &band.worker.runningFlag(), observer())) {
+    if (!CountHistograms(*f, area, kind_ == AnalyticsKind::kRoi, band.work.data(), band.scratch,
+                         &band.worker.runningFlag(), observer(), rows.get())) {
         return;
     }
 

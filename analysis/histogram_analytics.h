@@ -2,7 +2,8 @@
 //
 // For every new frame the dialog calls NewFrame(): the frame is copied under the frame lock and
 // then the engine's own lock, both are released, and the workers are woken. Two workers count the
-// histograms, each over half of the rows, and the second to finish publishes the sum; one worker
+// histograms, taking blocks of rows until none is left (so that one held up by another thread
+// leaves its rows to the other), and the second to finish publishes the sum; one worker
 // each computes the row and the column statistics. The advanced engine adds a worker for the
 // per-column figures and one for the whole-frame figures and comparison count, which run only
 // between StartStatistics() and StopStatistics(). Every result is published under the engine's
@@ -185,6 +186,9 @@ class HistogramAnalytics {
     // both were counted for the same one.
     uint64_t generation_ = 0;
     uint64_t publishedGeneration_ = 0;
+    // The rows of the newest generation a histogram worker has begun, shared by both.
+    std::shared_ptr<RowBlocks> rowBlocks_;
+    uint64_t rowBlocksGeneration_ = 0;
     CompareMode compareMode_ = CompareMode::kGreater;
     uint32_t compareValue_ = 0;
 

@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
 #include <thread>
 
 #include "analysis/bad_pixel_detector.h"
@@ -149,7 +152,7 @@ TEST_F(HistogramWorkers, CloseStopsAWorkerMidFrame) {
         if (stopped) {
             ++rowsAfterStop;
         }
-        if (row == 3) {  // only the first half's worker walks row 3
+        if (row == 3) {  // one worker walks row 3
             stopped = true;
             engine.RequestClose();
             closing.set();
@@ -162,6 +165,40 @@ TEST_F(HistogramWorkers, CloseStopsAWorkerMidFrame) {
     EXPECT_EQ(engine.histograms().sequence, 0u);
     // Each worker may finish the row it is in, no more: at most one observed row per worker.
     EXPECT_LE(rowsAfterStop.load(), 3);
+}
+
+// Rows go out in blocks of 64 Ki pixels (16 rows of 4096): while the worker that took the first
+// block is held inside it, the other takes all the rest, and the sum is published once both end.
+TEST_F(HistogramWorkers, AWorkerHeldUpLeavesItsRowsToTheOther) {
+    LoadFrame(frame, RandomMat(64, 4096, CV_8UC3, 11), 24);
+    HistogramAnalytics engine(AnalyticsKind::kBasic, sink, prompt);
+    std::mutex mutex;
+    std::map<int, std::thread::id> walkers;  // row -> worker
+    AutoResetEvent restWalked;
+    std::atomic<bool> waited{false};
+    engine.setRowObserver([&](int row) {
+        std::unique_lock lock(mutex);
+        if (!walkers.emplace(row, std::this_thread::get_id()).second) {
+            return;  // the row and column workers observe their index too
+        }
+        if (walkers.size() == 64 - 15) {  // every row but the held block's 15 to come
+            restWalked.set();
+        }
+        if (row == 0) {
+            lock.unlock();
+            waited = restWalked.waitFor(std::chrono::seconds(20));
+        }
+    });
+    ASSERT_TRUE(engine.NewFrame(frame));
+    ASSERT_TRUE(sink.WaitForMessage(kHistogramReady, 1));
+    EXPECT_TRUE(waited) << "the rows beyond the held block were left to the held worker";
+    std::lock_guard lock(mutex);
+    for (int row = 16; row < 64; ++row) {
+        EXPECT_NE(walkers.at(row), walkers.at(0)) << row;
+    }
+    const HistogramResult r = engine.histograms();
+    EXPECT_EQ(r.sets[kAllColumns].Total(kGray), 64u * 4096u);
+    EXPECT_EQ(r.sets[kAllColumns].Total(kBlue), 64u * 4096u);
 }
 
 TEST_F(HistogramWorkers, FailedCopyComputesNothingForThatFrame) {
