@@ -100,6 +100,10 @@ class FakeCamera {
     FakeCamera() = default;
     ~FakeCamera() {
         Stop();
+        if (!log_.empty()) {
+            std::error_code ignored;
+            std::filesystem::remove(log_, ignored);  // read only when the camera failed to start
+        }
         if (lock_ >= 0) {
             ::close(lock_);
         }

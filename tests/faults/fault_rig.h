@@ -3,6 +3,8 @@
 // test wants, and the front end's side played by a message queue, a log and a scripted prompt.
 #pragma once
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -54,9 +56,11 @@ class SetSystem final : public SystemStatus {
 class FaultRig : public ::testing::Test {
   public:
     void SetUp() override {
+        // A table row's name is "Test/Row": one folder, so that TearDown removes all of it.
+        std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::replace(name.begin(), name.end(), '/', '-');
         dir = std::filesystem::temp_directory_path() /
-              ("lumetra-faults-" + std::to_string(::getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+              ("lumetra-faults-" + std::to_string(::getpid()) + "-" + name);
         std::filesystem::remove_all(dir);
         std::filesystem::create_directories(dir);
         BoardLibraryLoad load = LoadBoardLibrary(SIM_LIBRARY);
