@@ -111,7 +111,10 @@ bool FrameStore::Deliver(ImageBuffer& raw, std::mutex& frameLock,
         JpegShape shape;
         {
             std::lock_guard frameGuard(frameLock);
-            if (!raw.hasImage() || raw.depth() != 8) {
+            if (!raw.hasImage()) {
+                return false;
+            }
+            if (raw.depth() != 8) {
                 DebugOutput("jpeg decompress failure: the frame is not 8-bit");
                 return false;
             }
