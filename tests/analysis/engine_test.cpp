@@ -168,23 +168,24 @@ TEST_F(HistogramWorkers, CloseStopsAWorkerMidFrame) {
 }
 
 // Rows go out in blocks of 64 Ki pixels (16 rows of 4096): while the worker that took the first
-// block is held inside it, the other takes all the rest, and the sum is published once both end.
+// block is held inside it (at row 1: the row and column workers observe their index 0 too), the
+// other takes all the rest, and the sum is published once both end.
 TEST_F(HistogramWorkers, AWorkerHeldUpLeavesItsRowsToTheOther) {
     LoadFrame(frame, RandomMat(64, 4096, CV_8UC3, 11), 24);
     HistogramAnalytics engine(AnalyticsKind::kBasic, sink, prompt);
     std::mutex mutex;
-    std::map<int, std::thread::id> walkers;  // row -> worker
+    std::map<int, std::thread::id> walkers;  // row -> the first worker to observe it
     AutoResetEvent restWalked;
     std::atomic<bool> waited{false};
     engine.setRowObserver([&](int row) {
         std::unique_lock lock(mutex);
         if (!walkers.emplace(row, std::this_thread::get_id()).second) {
-            return;  // the row and column workers observe their index too
+            return;
         }
-        if (walkers.size() == 64 - 15) {  // every row but the held block's 15 to come
+        if (walkers.size() == 64 - 14) {  // every row but rows 2 to 15 of the held block
             restWalked.set();
         }
-        if (row == 0) {
+        if (row == 1) {
             lock.unlock();
             waited = restWalked.waitFor(std::chrono::seconds(20));
         }
@@ -194,7 +195,7 @@ TEST_F(HistogramWorkers, AWorkerHeldUpLeavesItsRowsToTheOther) {
     EXPECT_TRUE(waited) << "the rows beyond the held block were left to the held worker";
     std::lock_guard lock(mutex);
     for (int row = 16; row < 64; ++row) {
-        EXPECT_NE(walkers.at(row), walkers.at(0)) << row;
+        EXPECT_NE(walkers.at(row), walkers.at(1)) << row;
     }
     const HistogramResult r = engine.histograms();
     EXPECT_EQ(r.sets[kAllColumns].Total(kGray), 64u * 4096u);
