@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 namespace lumetra {
 namespace {
@@ -110,12 +111,23 @@ void IniFile::set(std::string_view section, std::string_view key, std::string_vi
 }
 
 std::string IniFile::text() const {
+    // Folded order: the same text whatever order the names were set in.
+    auto inOrder = [](const auto& map) {
+        std::vector<const typename std::decay_t<decltype(map)>::value_type*> entries;
+        entries.reserve(map.size());
+        for (const auto& entry : map) {
+            entries.push_back(&entry);
+        }
+        std::sort(entries.begin(), entries.end(),
+                  [](const auto* a, const auto* b) { return a->first < b->first; });
+        return entries;
+    };
     std::string out;
-    for (const auto& entry : sections_) {
-        const Section& section = entry.second;
+    for (const auto* entry : inOrder(sections_)) {
+        const Section& section = entry->second;
         out += "[" + section.name + "]\n";
-        for (const auto& [foldedName, key] : section.keys) {
-            out += key.name + "=" + key.value + "\n";
+        for (const auto* k : inOrder(section.keys)) {
+            out += k->second.name + "=" + k->second.value + "\n";
         }
     }
     return out;

@@ -3,10 +3,10 @@
 // takes its default.
 #pragma once
 
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace lumetra {
 
@@ -28,16 +28,17 @@ class IniFile {
 
   private:
     // Section and key names compare without regard to case, as profile files do: each map is
-    // keyed by the folded name and keeps the name as first written.
+    // keyed by the folded name and keeps the name as first written. Hashed, because a
+    // ROIConfig.ini may hold tens of thousands of keys; text() puts them in folded order.
     struct Key {
         std::string name;
         std::string value;
     };
     struct Section {
         std::string name;
-        std::map<std::string, Key, std::less<>> keys;
+        std::unordered_map<std::string, Key> keys;
     };
-    std::map<std::string, Section, std::less<>> sections_;
+    std::unordered_map<std::string, Section> sections_;
 };
 
 }  // namespace lumetra
