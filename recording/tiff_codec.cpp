@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -48,15 +49,22 @@ int OnTiffError(TIFF*, void* user, const char* module, const char* format, va_li
     return 1;  // handled: nothing goes to standard error
 }
 
-int OnTiffWarning(TIFF*, void*, const char* module, const char* format, va_list ap) {
-    DebugOutput("libtiff warning: " + Format(module, format, ap));
+// The CCITT and JPEG decoders only warn when the data end early ("Premature EOF at line",
+// "Premature end of JPEG data") and pad the missing rows; that is a truncated file, not a picture.
+int OnTiffWarning(TIFF*, void* user, const char* module, const char* format, va_list ap) {
+    auto& messages = *static_cast<TiffMessages*>(user);
+    std::string text = Format(module, format, ap);
+    DebugOutput("libtiff warning: " + text);
+    if (messages.error.empty() && text.find("Premature") != std::string::npos) {
+        messages.error = std::move(text);
+    }
     return 1;
 }
 
 TIFFOpenOptions* QuietOptions(TiffMessages& messages) {
     TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
     TIFFOpenOptionsSetErrorHandlerExtR(options, OnTiffError, &messages);
-    TIFFOpenOptionsSetWarningHandlerExtR(options, OnTiffWarning, nullptr);
+    TIFFOpenOptionsSetWarningHandlerExtR(options, OnTiffWarning, &messages);
     return options;
 }
 
@@ -139,6 +147,61 @@ struct Layout {
     uint16_t photometric = PHOTOMETRIC_MINISBLACK;
     uint16_t format = SAMPLEFORMAT_UINT;
 };
+
+// How many decoded bytes one byte of compressed data can stand for at most: PackBits 128 bytes in
+// 2, Deflate 258 bytes in two 1-bit codes, LZW a string of under 4096 bytes in a 9- to 12-bit
+// code. Zero where no such bound is simple (JPEG, Zstandard, LZMA ...) or the codec is CCITT,
+// which is bounded by rows instead.
+uint64_t MostBytesPerByte(uint16_t compression) {
+    switch (compression) {
+        case COMPRESSION_NONE:
+            return 1;
+        case COMPRESSION_PACKBITS:
+            return 64;
+        case COMPRESSION_ADOBE_DEFLATE:
+        case COMPRESSION_DEFLATE:
+            return 1032;
+        case COMPRESSION_LZW:
+            return 4096;
+        default:
+            return 0;
+    }
+}
+
+// A few hundred bytes may claim a picture of hundreds of megabytes, and libtiff's decoders pad
+// what is missing: what the strips or tiles cannot hold is refused before the picture is
+// allocated. Returns the reason, or nothing when the data may be enough.
+std::string Shortfall(TIFF* tif, const Layout& l, uint64_t fileSize) {
+    uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
+    const uint64_t planes = l.planar == PLANARCONFIG_SEPARATE && l.samples > 1 ? l.samples : 1;
+    const uint64_t rowBits = uint64_t(l.width) * l.bits * (l.samples / planes);
+    const uint64_t rows = uint64_t(l.height) * planes;
+    double need = 0;  // compressed bytes at the least; a double, as the product may not fit
+    if (compression == COMPRESSION_CCITTRLE || compression == COMPRESSION_CCITTRLEW) {
+        need = double(rows);  // every row starts on a byte
+    } else if (compression == COMPRESSION_CCITTFAX3 || compression == COMPRESSION_CCITTFAX4) {
+        need = std::ceil(double(rows) / 8);  // a row repeating the one above is a single bit
+    } else if (const uint64_t ratio = MostBytesPerByte(compression); ratio != 0) {
+        need = std::ceil(double((rowBits + 7) / 8) * double(rows) / double(ratio));
+    } else {
+        return {};
+    }
+    const bool tiled = TIFFIsTiled(tif) != 0;
+    const uint32_t chunks = tiled ? TIFFNumberOfTiles(tif) : TIFFNumberOfStrips(tif);
+    uint64_t available = 0;
+    for (uint32_t i = 0; i < chunks && double(available) < need; ++i) {
+        const uint64_t offset = TIFFGetStrileOffset(tif, i);
+        if (offset < fileSize) {
+            available += std::min<uint64_t>(TIFFGetStrileByteCount(tif, i), fileSize - offset);
+        }
+    }
+    if (double(available) >= need) {
+        return {};
+    }
+    return std::to_string(available) + " bytes of " + (tiled ? "tiles" : "strips") + " for a " +
+           std::to_string(l.width) + " x " + std::to_string(l.height) + " picture";
+}
 
 // Copies decoded chunk rows (a strip, or a tile's rows) into the image: all samples of a pixel
 // (contiguous) or sample `plane` only (separate planes).
@@ -373,6 +436,7 @@ bool WriteTiff(int fd, const std::string& name, const cv::Mat& image,
 
 bool DecodeTiff(const uint8_t* data, size_t size, cv::Mat& image, std::string& error) {
     MemoryFile file{data, static_cast<toff_t>(size), 0};
+    error.clear();  // the reason is built up below
     TiffMessages messages;
     TIFFOpenOptions* openOptions = QuietOptions(messages);
     TIFF* tif = TIFFClientOpenExt("image", "r", &file, ReadProc, WriteProc, SeekProc, CloseProc,
@@ -408,9 +472,17 @@ bool DecodeTiff(const uint8_t* data, size_t size, cv::Mat& image, std::string& e
     const bool colour = l.photometric == PHOTOMETRIC_RGB && (l.samples == 3 || l.samples == 4);
     const bool asStored =
         (l.bits == 8 || l.bits == 16) && l.format == SAMPLEFORMAT_UINT && (grey || colour);
+    if (std::string reason = Shortfall(tif, l, size); !reason.empty()) {
+        TIFFClose(tif);
+        error = "the file is damaged or truncated (" + reason + ")";
+        return false;
+    }
+    // Only what goes wrong with the pixels counts from here; libtiff mends many header faults.
+    messages.error.clear();
+    cv::Mat decoded;
     bool ok = false;
-    // A few hundred bytes may claim a million by a million pixels; what cannot be had is
-    // refused, not thrown at the caller.
+    // A picture the data can hold may still be more than the memory can; that is refused, not
+    // thrown at the caller.
     try {
         if (asStored) {
             cv::Mat pixels(int(l.height), int(l.width),
@@ -422,7 +494,7 @@ bool DecodeTiff(const uint8_t* data, size_t size, cv::Mat& image, std::string& e
                 } else if (colour) {
                     SwapRedBlue(pixels);
                 }
-                image = pixels;
+                decoded = pixels;
             }
         } else if (l.format != SAMPLEFORMAT_UINT || l.bits > 16) {
             TIFFClose(tif);
@@ -440,7 +512,7 @@ bool DecodeTiff(const uint8_t* data, size_t size, cv::Mat& image, std::string& e
                 error = std::string("unsupported TIFF layout (") + reason + ")";
                 return false;
             }
-            ok = ReadRgba(tif, l, image);
+            ok = ReadRgba(tif, l, decoded);
         }
     } catch (const std::exception&) {
         TIFFClose(tif);
@@ -449,13 +521,17 @@ bool DecodeTiff(const uint8_t* data, size_t size, cv::Mat& image, std::string& e
         return false;
     }
     TIFFClose(tif);
+    // Some decoders report a damaged row and carry on (CCITT's "Bad code word").
+    ok = ok && messages.error.empty();
     if (!ok) {
         if (error.empty()) {
             return damaged();
         }
         error = "the file is damaged or truncated (" + error + ")";
+        return false;
     }
-    return ok;
+    image = decoded;
+    return true;
 }
 
 }  // namespace lumetra::codecs

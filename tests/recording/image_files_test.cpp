@@ -324,6 +324,128 @@ TEST(ImageRoundTrips, TiffLayoutsOfOtherWriters) {
     EXPECT_EQ(error, "unsupported channel count (2)");
 }
 
+// A picture of one strip; `raw` bytes are written as they are, as a damaged file would hold them.
+void WriteOneStrip(const std::string& path, uint32_t width, uint32_t height, uint16_t bits,
+                   uint16_t compression, const std::string& bytes, bool raw) {
+    TIFF* tif = TIFFOpen(path.c_str(), "w");
+    ASSERT_NE(tif, nullptr);
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(1));
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC,
+                 bits == 1 ? PHOTOMETRIC_MINISWHITE : PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, compression);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
+    if (compression == COMPRESSION_JPEG) {
+        TIFFSetField(tif, TIFFTAG_JPEGTABLESMODE, 0);  // the strip is a whole JPEG stream
+    }
+    const auto size = tmsize_t(bytes.size());
+    void* data = const_cast<char*>(bytes.data());
+    ASSERT_GE(
+        raw ? TIFFWriteRawStrip(tif, 0, data, size) : TIFFWriteEncodedStrip(tif, 0, data, size), 0);
+    TIFFClose(tif);
+}
+
+std::string RawStrip(const std::string& path) {
+    TIFF* tif = TIFFOpen(path.c_str(), "r");
+    std::string bytes(size_t(TIFFGetStrileByteCount(tif, 0)), '\0');
+    TIFFReadRawStrip(tif, 0, bytes.data(), tmsize_t(bytes.size()));
+    TIFFClose(tif);
+    return bytes;
+}
+
+// Bilevel pages go through libtiff's RGBA reader. CCITT packs a blank row into a bit (G4) or a
+// few bytes (RLE) and Deflate a run of zeros 1032 to 1, so a page is refused only when its strip
+// cannot hold the picture at these bounds, or when the decoder finds it damaged and carries on.
+TEST(TiffFiles, BilevelPagesAndStripsThatCannotHoldThePicture) {
+    TempDir dir;
+    // 2000 x 3000, white but for a black square at (100, 1000) .. (199, 1099).
+    const int rowBytes = 250;
+    std::string page(size_t(rowBytes) * 3000, '\0');
+    for (int y = 1000; y < 1100; ++y) {
+        for (int x = 100; x < 200; ++x) {
+            page[size_t(y * rowBytes + x / 8)] |= char(0x80 >> (x % 8));
+        }
+    }
+    for (uint16_t c : {COMPRESSION_CCITTFAX4, COMPRESSION_CCITTFAX3, COMPRESSION_CCITTRLE}) {
+        SCOPED_TRACE(c);
+        WriteOneStrip(dir / "page.tif", 2000, 3000, 1, c, page, false);
+        cv::Mat back;
+        std::string error;
+        ASSERT_TRUE(LoadImageFile(dir / "page.tif", back, error)) << error;
+        ASSERT_EQ(back.type(), CV_8UC1);
+        ASSERT_EQ(back.size(), cv::Size(2000, 3000));
+        EXPECT_EQ(back.total() - size_t(cv::countNonZero(back)), 100u * 100u);
+        EXPECT_EQ(cv::countNonZero(back(cv::Rect(100, 1000, 100, 100))), 0);
+        EXPECT_EQ(back.at<uint8_t>(999, 100), 255);
+    }
+    const cv::Mat zeros(4096, 4096, CV_8UC1, cv::Scalar(0));
+    const std::string zeroBytes(zeros.total(), '\0');
+    WriteOneStrip(dir / "zeros.tif", 4096, 4096, 8, COMPRESSION_ADOBE_DEFLATE, zeroBytes, false);
+    const size_t packed = RawStrip(dir / "zeros.tif").size();
+    EXPECT_LT(packed, zeroBytes.size() / 950);  // close to the bound, and still read
+    cv::Mat back;
+    std::string error;
+    ASSERT_TRUE(LoadImageFile(dir / "zeros.tif", back, error)) << error;
+    EXPECT_TRUE(Same(back, zeros));
+
+    // Random bits: a G4 strip far longer than a bit a row, to damage in two ways.
+    std::string noise(size_t(64) * 512, '\0');
+    cv::Mat noiseView(512, 64, CV_8UC1, noise.data());
+    cv::RNG(7).fill(noiseView, cv::RNG::UNIFORM, 0, 256);
+    WriteOneStrip(dir / "noise.tif", 512, 512, 1, COMPRESSION_CCITTFAX4, noise, false);
+    const std::string strip = RawStrip(dir / "noise.tif");
+    ASSERT_GT(strip.size(), 2000u);
+    WriteOneStrip(dir / "noise.tif", 512, 64, 8, COMPRESSION_JPEG, noise.substr(0, 512 * 64),
+                  false);
+    const std::string jpeg = RawStrip(dir / "noise.tif");
+    std::string flipped = strip;
+    for (size_t i = strip.size() / 2; i < strip.size() / 2 + 64; ++i) {
+        flipped[i] = char(flipped[i] ^ 0x5A);
+    }
+    const struct {
+        const char* name;
+        uint32_t width, height;
+        uint16_t bits, compression;
+        std::string bytes;
+        std::string reason;  // after "the file is damaged or truncated ("
+    } bad[] = {
+        // A 359-byte file claiming 23312 x 16391 (found by fuzzing: it was decoded, padded, in
+        // 1.9 GB).
+        {"rle.tif", 23312, 16391, 1, COMPRESSION_CCITTRLE, std::string(351, '\x5A'),
+         "351 bytes of strips for a 23312 x 16391 picture)"},
+        {"g4.tif", 512, 20000, 1, COMPRESSION_CCITTFAX4, std::string(2499, '\0'),
+         "2499 bytes of strips for a 512 x 20000 picture)"},
+        {"deflate.tif", 10000, 10000, 8, COMPRESSION_ADOBE_DEFLATE, std::string(96899, '\0'),
+         "96899 bytes of strips for a 10000 x 10000 picture)"},
+        {"lzw.tif", 4096, 4096, 16, COMPRESSION_LZW, std::string(8191, '\0'),
+         "8191 bytes of strips for a 4096 x 4096 picture)"},
+        // libtiff counts an uncompressed strip to the end of the file, the directory too.
+        {"none.tif", 1000, 1000, 8, COMPRESSION_NONE, std::string(5000, '\0'),
+         " bytes of strips for a 1000 x 1000 picture)"},
+        {"cut.tif", 512, 512, 1, COMPRESSION_CCITTFAX4, strip.substr(0, strip.size() / 2),
+         "Fax4Decode: "},  // libtiff's own words
+        {"flipped.tif", 512, 512, 1, COMPRESSION_CCITTFAX4, flipped, "Fax4Decode: "},
+        // libjpeg only warns, and pads the picture with grey.
+        {"cut-jpeg.tif", 512, 64, 8, COMPRESSION_JPEG, jpeg.substr(0, jpeg.size() / 2),
+         "Premature end of JPEG"},
+    };
+    for (const auto& b : bad) {
+        WriteOneStrip(dir / b.name, b.width, b.height, b.bits, b.compression, b.bytes, true);
+        cv::Mat none;
+        EXPECT_FALSE(LoadImageFile(dir / b.name, none, error)) << b.name;
+        EXPECT_EQ(error.rfind("the file is damaged or truncated (", 0), 0u)
+            << b.name << ": " << error;
+        EXPECT_NE(error.find(b.reason), std::string::npos) << b.name << ": " << error;
+        EXPECT_TRUE(none.empty()) << b.name;
+    }
+    // One byte more than the bounds is enough to try: the uncompressed strip is read.
+    WriteOneStrip(dir / "full.tif", 100, 100, 8, COMPRESSION_NONE, std::string(10000, '\7'), true);
+    ASSERT_TRUE(LoadImageFile(dir / "full.tif", back, error)) << error;
+    EXPECT_EQ(cv::countNonZero(back == 7), 100 * 100);
+}
+
 TEST(ImageRoundTrips, BmpAndJpegKeepTheTopEightSignificantBits) {
     TempDir dir;
     std::string error;
