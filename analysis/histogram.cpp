@@ -132,14 +132,15 @@ void SplitPortable(const uint8_t* p, int from, int n, uint8_t (*planes)[kSplitCh
 #define LUMETRA_SPLIT_AVX512 1
 #define LUMETRA_AVX512 gnu::target("avx512f,avx512bw,avx512vbmi,avx512vnni")
 
+// The row of a split block that holds Gray.
+template <int C>
+constexpr int kGrayRow = C == 3 ? 3 : 4;
+
 // Sixteen pixels split into a block of planes: B, G, R and C (four channels) or Gray (three) in one
 // 64-byte store, and for four channels Gray after them. One byte permutation lays each pixel out
 // as a 32-bit lane (B, G, R, 0 or C) and two byte dot products give x = 299 R + 587 G + 114 B + 500
 // as (114 B + 75 G + 43 R + 500) + 256 (2 G + R), every weight fitting a signed byte. A second
 // permutation gathers the planes, for three channels with the Gray bytes from the lanes.
-template <int C>
-constexpr int kGrayRow = C == 3 ? 3 : 4;
-
 template <int C>
 [[LUMETRA_AVX512, gnu::always_inline]] inline void Split16Avx512(const uint8_t* p,
                                                                  uint8_t (*block)[16]) {
