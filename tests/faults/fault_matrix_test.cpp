@@ -13,11 +13,12 @@
 #include "analysis/roi.h"
 #include "fault_rig.h"
 #include "recording/image_save_worker.h"
+#include "support/asan_options.h"
 
 // Some rows ask for more memory than any machine has: the allocator must refuse, as the C
 // library's does, and the code must say so, rather than the sanitizer stopping the program.
 extern "C" const char* __asan_default_options() {
-    return "allocator_may_return_null=1";
+    return LUMETRA_ASAN_DEFAULT_OPTIONS ":allocator_may_return_null=1";
 }
 extern "C" const char* __tsan_default_options() {
     return "allocator_may_return_null=1";
